@@ -44,6 +44,7 @@
 #include "persistence/export.h"
 #include "persistence/report.h"
 #include "persistence/status.h"
+#include "persistence/status_conversion.h"
 #include "zerla_common/dir_size.h"
 
 namespace persistence {

@@ -5,8 +5,6 @@
 #include <string>
 #include <utility>
 
-#include "nix/dravinhold/logging.h"
-#include "persistence/report.h"
 
 namespace persistence {
 
@@ -33,6 +31,7 @@ struct Status {
   // Converts an engine status (leveldb::Status). Success gives code 0 and an
   // empty message; a failure gives its code and the engine's ToString(). A
   // code the table does not know gives kUnknown and a report in the log.
+  // Defined in persistence/status_conversion.h, inside the library.
   template <typename EngineStatus>
   explicit Status(const EngineStatus& status);
 
@@ -45,25 +44,5 @@ struct Status {
   template <typename EngineStatus>
   static int32_t CodeOf(const EngineStatus& status);
 };
-
-template <typename EngineStatus>
-int32_t Status::CodeOf(const EngineStatus& status) {
-  if (status.ok()) return kOk;
-  if (status.IsNotSupportedError()) return kNotSupported;
-  if (status.IsInvalidArgument()) return kInvalidArgument;
-  if (status.IsNotFound()) return kNotFound;
-  if (status.IsCorruption()) return kCorruption;
-  if (status.IsIOError()) return kIOError;
-  return kUnknown;
-}
-
-template <typename EngineStatus>
-Status::Status(const EngineStatus& status) : code(CodeOf(status)) {
-  if (code == kOk) return;
-  // Reported through the enrichment logger whichever store the status comes
-  // from: this constructor exists once for the whole library.
-  if (code == kUnknown) CHECK_LOGGED(EnrichmentLogger, false, "Unknown leveldb::Status!");
-  message = status.ToString();
-}
 
 }  // namespace persistence

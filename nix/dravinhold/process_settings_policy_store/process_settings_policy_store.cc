@@ -1,0 +1,139 @@
+#include "nix/dravinhold/process_settings_policy_store/process_settings_policy_store.h"
+
+#include <limits>
+
+#include "nix/dravinhold/policy_family.h"
+#include "nix/dravinhold/process_settings_policy_store/process_settings_policy_store_def.h"
+#include "zerla_common/normalize_string.h"
+
+namespace persistence {
+namespace {
+
+using Key = proto::ProcessSettingsPolicyStore::Key;
+using Value = proto::ProcessSettingsPolicyStore::Value;
+using Data = proto::ProcessSettingsPolicyStore::Data;
+
+std::mutex policy_loaded_mutex;
+
+// The key of a process and module; two spellings of a name that normalise
+// to the same text reach the same policy.
+Key MakeKey(const std::string& process_name, int32_t module_id) {
+  Key key;
+  key.set_process_name(zerla_normalize_string(process_name, true));
+  key.set_module_id(module_id);
+  return key;
+}
+
+}  // namespace
+
+bool process_settings_policy_loaded(std::chrono::steady_clock::time_point* checked_at) {
+  return PolicyLoaded<ProcessSettingsPolicyStore>(policy_loaded_mutex, checked_at);
+}
+
+int process_settings_policy_set(const std::string& process_name, int32_t module_id,
+                                const std::string& policy) {
+  if (!IsValidModuleId(module_id)) return -EINVAL;
+  if (policy.empty()) return -EINVAL;
+  Value value;
+  value.set_policy(policy);
+  return PutPolicy<ProcessSettingsPolicyStore>(MakeKey(process_name, module_id), value);
+}
+
+int process_settings_policy_get(const std::string& process_name, int32_t module_id,
+                                std::string* policy) {
+  if (policy == nullptr) return -EINVAL;
+  Value value;
+  const Status status = ProcessSettingsPolicyStore_Get(MakeKey(process_name, module_id), &value);
+  if (status.code == Status::kNotFound) {
+    LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_TRACE,
+             "Policy for process %s and module %?d not found", process_name, module_id);
+    return -ENODATA;
+  }
+  if (!status.ok()) {
+    LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
+             "Failed to get policy for process %s and module %?d, err=%d, msg=%s", process_name,
+             module_id, status.code, status.message);
+    return -EIO;
+  }
+  *policy = value.policy();
+  return 0;
+}
+
+int process_settings_policy_set_bulk(
+    const std::vector<proto::ProcessSettingsPolicyStore::Key>& keys,
+    const std::vector<proto::ProcessSettingsPolicyStore::Value>& values) {
+  return SetBulkPolicy<ProcessSettingsPolicyStore>(keys, values);
+}
+
+int process_settings_policy_clear() { return ClearPolicy<ProcessSettingsPolicyStore>(); }
+
+Status ProcessSettingsPolicyStore_Empty(bool* is_empty) {
+  return StoreEmpty<ProcessSettingsPolicyStore>(is_empty);
+}
+
+Status ProcessSettingsPolicyStore_Count(unsigned long* count) {
+  return StoreCount<ProcessSettingsPolicyStore>(count);
+}
+
+Status ProcessSettingsPolicyStore_Get(const proto::ProcessSettingsPolicyStore::Key& key,
+                                      proto::ProcessSettingsPolicyStore::Value* value) {
+  return StoreGet<ProcessSettingsPolicyStore>(key, value);
+}
+
+Status ProcessSettingsPolicyStore_Get(
+    const std::vector<proto::ProcessSettingsPolicyStore::Key>& keys,
+    std::vector<proto::ProcessSettingsPolicyStore::Value>* values) {
+  return StoreGet<ProcessSettingsPolicyStore>(keys, values);
+}
+
+// Log lines name the size check below as line 104 of this file: functions
+// added above it move it, and the reports with it.
+int process_settings_policy_for_each(
+    std::function<void(const std::string&, int, const std::string&)> function) {
+  // The whole store is read first, so that no lock is held while "function"
+  // runs.
+  std::vector<Key> keys;
+  std::vector<Value> values;
+  const Status status = ProcessSettingsPolicyStore_ReadInterval(
+      0, std::numeric_limits<int32_t>::max(), &keys, &values);
+  if (!status.ok()) {
+    LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
+             "Failed to get policy for all processes, err=%d, msg=%s", status.code, status.message);
+    return -EIO;
+  }
+  CHECK_LOGGED(LibPersistenceLogger, keys.size() == values.size(),
+               "Failed to get policy for all processes, mismatch in size of keys("
+                   << keys.size() << ") and values(" << values.size() << ")");
+  for (size_t i = 0; i < keys.size() && i < values.size(); ++i) {
+    function(keys[i].process_name(), keys[i].module_id(), values[i].policy());
+  }
+  return 0;
+}
+
+Status ProcessSettingsPolicyStore_AtomicClearAndPut(
+    const proto::ProcessSettingsPolicyStore::Data& data) {
+  return AtomicClearAndPut<Data, ProcessSettingsPolicyStore>(data);
+}
+
+Status ProcessSettingsPolicyStore_ReadInterval(
+    uint64_t start, uint64_t count, std::vector<proto::ProcessSettingsPolicyStore::Key>* keys,
+    std::vector<proto::ProcessSettingsPolicyStore::Value>* values) {
+  return ReadInterval<ProcessSettingsPolicyStore, Key>(start, count, keys, values);
+}
+
+Status ProcessSettingsPolicyStore_ReadInterval(uint64_t start, uint64_t count,
+                                               proto::ProcessSettingsPolicyStore::Data* data) {
+  return ReadInterval<Data, ProcessSettingsPolicyStore>(start, count, data);
+}
+
+Status ProcessSettingsPolicyStore_Dump(
+    std::vector<proto::ProcessSettingsPolicyStore::Key>* keys,
+    std::vector<proto::ProcessSettingsPolicyStore::Value>* values) {
+  return Dump<ProcessSettingsPolicyStore, Key>(keys, values);
+}
+
+Status ProcessSettingsPolicyStore_Dump(proto::ProcessSettingsPolicyStore::Data* data) {
+  return Dump<Data, ProcessSettingsPolicyStore>(data);
+}
+
+}  // namespace persistence

@@ -1,0 +1,37 @@
+// clang-format off
+#pragma once
+#include "nix/dravinhold/trusted_signers_cache/trusted_signers_cache.h"
+#include "nix/dravinhold/store_scaffold.h"
+namespace persistence {
+class DRAVINHOLD_EXPORT TrustedSignersCacheStore : public KVStore<std::string, proto::TrustedSignersCacheStore::Value, proto::TrustedSignersCacheStore::Data> {
+ public:
+  Status Open() { const Status status = OpenWithRecovery(zerla_common::config::PathConfig::Get(zerla_common::config::kTrustedSignersCache), true, 0);
+    CHECK_LOGGED(LibPersistenceLogger, status.ok(), Poco::format("status code=%d message=%s", status.code, status.message));
+    return status;
+  }
+  // clang-format on
+  // Open() runs once, on first use; log lines name its check as line 9 of
+  // this file, so the lines above keep their layout.
+
+  using Value = proto::TrustedSignersCacheStore::Value;
+
+  // The store, opened on first use. A store whose database did not open is
+  // handed out all the same: its operations fail and try to reopen it.
+  // Exported, and so emitted even where every call is inlined: callers reach
+  // the cache's store directly.
+  DRAVINHOLD_EXPORT __attribute__((used)) static TrustedSignersCacheStore& Instance() {
+    static TrustedSignersCacheStore instance;
+    return instance;
+  }
+
+  ~TrustedSignersCacheStore() override = default;
+
+ private:
+  TrustedSignersCacheStore() : KVStore(kStoreHeapTag) {
+    instance_flag_ = true;
+    Open();
+  }
+
+  bool instance_flag_ = false;
+};
+}  // namespace persistence

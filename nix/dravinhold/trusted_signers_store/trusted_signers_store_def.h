@@ -1,0 +1,35 @@
+// clang-format off
+#pragma once
+#include "nix/dravinhold/trusted_signers_store/trusted_signers_store.h"
+#include "nix/dravinhold/store_scaffold.h"
+namespace persistence {
+class DRAVINHOLD_EXPORT TrustedSignersStore : public KVStore<std::string, proto::TrustedSignersStore::Value, proto::TrustedSignersStore::Data> {
+ public:
+  Status Open() { const Status status = OpenWithRecovery(zerla_common::config::PathConfig::Get(zerla_common::config::kTrustedSignersStore), true, 0);
+    CHECK_LOGGED(LibPersistenceLogger, status.ok(), Poco::format("status code=%d message=%s", status.code, status.message));
+    return status;
+  }
+  // clang-format on
+  // Open() runs once, on first use; log lines name its check as line 9 of
+  // this file, so the lines above keep their layout.
+
+  using Value = proto::TrustedSignersStore::Value;
+
+  // The store, opened on first use. A store whose database did not open is
+  // handed out all the same: its operations fail and try to reopen it.
+  static TrustedSignersStore& Instance() {
+    static TrustedSignersStore instance;
+    return instance;
+  }
+
+  ~TrustedSignersStore() override = default;
+
+ private:
+  TrustedSignersStore() : KVStore(kStoreHeapTag) {
+    instance_flag_ = true;
+    Open();
+  }
+
+  bool instance_flag_ = false;
+};
+}  // namespace persistence
