@@ -1,5 +1,6 @@
 #include "loggerhl/logger_ndc.h"
 
+#include <cstddef>
 #include <vector>
 
 namespace {
@@ -9,10 +10,11 @@ struct ThreadContext {
   std::string joined;
 
   void Rejoin() {
+    // One separator between neighbours, also when a text is empty.
     joined.clear();
-    for (const std::string& text : texts) {
-      if (!joined.empty()) joined += ':';
-      joined += text;
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+      if (i != 0) joined += ':';
+      joined += texts[i];
     }
   }
 };
