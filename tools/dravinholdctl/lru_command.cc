@@ -1,0 +1,172 @@
+// The enrichment store's order of use, oldest first, and whether the two
+// databases agree.
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <map>
+
+#include "command.h"
+#include "dravinhold/enrichment_store/enrichment_lru_store.pb.h"
+#include "dravinhold/enrichment_store/enrichment_store.pb.h"
+#include "engine.h"
+#include "records.h"
+
+namespace dravinholdctl {
+namespace {
+
+struct EntryOrder {
+  uint64_t index;
+  int64_t last_used;
+};
+
+struct Report {
+  uint64_t rows = 0;
+  uint64_t rows_without_entry = 0;  // the entry is gone
+  uint64_t rows_superseded = 0;     // the entry has been renewed since
+  uint64_t entries = 0;
+  uint64_t entries_without_row = 0;
+  uint64_t entries_on_another_key_row = 0;
+  uint64_t undecodable = 0;
+};
+
+std::string Date(int64_t seconds) {
+  if (seconds == 0) return "never";
+  const std::time_t time = static_cast<std::time_t>(seconds);
+  std::tm utc;
+  gmtime_r(&time, &utc);
+  char text[32];
+  std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S UTC", &utc);
+  return text;
+}
+
+// The index a row's key names; false for a key that is not blanks and digits.
+bool ParseIndex(const std::string& key, uint64_t* index) {
+  *index = 0;
+  bool digits = false;
+  for (const char c : key) {
+    if (c == ' ') continue;
+    if (c < '0' || c > '9') return false;
+    *index = *index * 10 + static_cast<uint64_t>(c - '0');
+    digits = true;
+  }
+  return digits;
+}
+
+bool LoadEntries(leveldb::DB* db, std::map<std::string, EntryOrder>* entries, Report* report,
+                 std::string* error) {
+  const leveldb::Status status =
+      Walk(db, "", false, [&](const leveldb::Slice& key, const leveldb::Slice& bytes) {
+        proto::EnrichmentStore::Value value;
+        if (!value.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) {
+          ++report->undecodable;
+          return true;
+        }
+        (*entries)[key.ToString()] = {value.lru_data().index(), value.lru_data().last_used()};
+        return true;
+      });
+  if (!status.ok()) *error = "enrichment_store is damaged: " + status.ToString();
+  return status.ok();
+}
+
+void PrintRow(bool json, uint64_t index, const std::string& key, int64_t last_used,
+              const char* state) {
+  if (json) {
+    std::printf("{\"index\":%" PRIu64 ",\"key\":%s,\"last_used\":%" PRId64
+                ",\"date\":\"%s\",\"state\":\"%s\"}\n",
+                index, Quoted(key).c_str(), last_used, Date(last_used).c_str(), state);
+  } else {
+    std::printf("%20" PRIu64 "  %-23s  %s%s%s\n", index, Date(last_used).c_str(),
+                Quoted(key).c_str(), *state ? "  " : "", state);
+  }
+}
+
+}  // namespace
+
+int RunLru(const Context& context, const Arguments& arguments) {
+  const bool json = arguments.Has("--json");
+  const uint64_t limit =
+      std::strtoull(arguments.Value("--limit", "18446744073709551615").c_str(), nullptr, 10);
+  std::string error;
+  std::unique_ptr<leveldb::DB> main_db =
+      OpenExisting(StorePath(context.root, *FindStore("enrichment_store")), false, &error);
+  if (!main_db) return Fail(error);
+  std::unique_ptr<leveldb::DB> lru_db =
+      OpenExisting(StorePath(context.root, *FindStore("enrichment_store.lru")), false, &error);
+  if (!lru_db) return Fail(error);
+
+  Report report;
+  std::map<std::string, EntryOrder> entries;
+  if (!LoadEntries(main_db.get(), &entries, &report, &error)) return Fail(error);
+  report.entries = entries.size();
+  std::map<uint64_t, std::string> rows;  // index -> key, to check the entries against
+
+  if (!json) std::printf("%20s  %-23s  %s\n", "INDEX", "LAST USED", "KEY");
+  const leveldb::Status status =
+      Walk(lru_db.get(), "", false, [&](const leveldb::Slice& key, const leveldb::Slice& bytes) {
+        uint64_t index = 0;
+        proto::EnrichmentLruStore::Value row;
+        if (!ParseIndex(key.ToString(), &index) ||
+            !row.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) {
+          ++report.undecodable;
+          return true;
+        }
+        ++report.rows;
+        rows[index] = row.foreign_key();
+        const auto entry = entries.find(row.foreign_key());
+        const char* state = "";
+        int64_t last_used = 0;
+        if (entry == entries.end()) {
+          state = "entry gone";
+          ++report.rows_without_entry;
+        } else {
+          last_used = entry->second.last_used;
+          if (entry->second.index != index) {
+            state = "superseded";
+            ++report.rows_superseded;
+          }
+        }
+        if (report.rows <= limit) PrintRow(json, index, row.foreign_key(), last_used, state);
+        return true;
+      });
+  if (!status.ok()) return Fail("enrichment_store.lru is damaged: " + status.ToString());
+
+  for (const auto& [key, order] : entries) {
+    const auto row = rows.find(order.index);
+    if (row == rows.end()) {
+      ++report.entries_without_row;
+    } else if (row->second != key) {
+      ++report.entries_on_another_key_row;
+    }
+  }
+  if (json) {
+    std::printf("{\"rows\":%" PRIu64 ",\"entries\":%" PRIu64 ",\"rows_without_entry\":%" PRIu64
+                ",\"rows_superseded\":%" PRIu64 ",\"entries_without_row\":%" PRIu64
+                ",\"entries_on_another_key_row\":%" PRIu64 ",\"undecodable\":%" PRIu64 "}\n",
+                report.rows, report.entries, report.rows_without_entry, report.rows_superseded,
+                report.entries_without_row, report.entries_on_another_key_row, report.undecodable);
+    return kSuccess;
+  }
+  std::printf("\n%" PRIu64 " rows, %" PRIu64
+              " entries\n"
+              "  rows whose entry is gone:                     %" PRIu64
+              "\n"
+              "  rows superseded by a later renewal:           %" PRIu64
+              "\n"
+              "  entries with no row:                          %" PRIu64
+              "\n"
+              "  entries whose index names another key's row: %" PRIu64
+              "\n"
+              "  records that do not decode:                   %" PRIu64 "\n",
+              report.rows, report.entries, report.rows_without_entry, report.rows_superseded,
+              report.entries_without_row, report.entries_on_another_key_row, report.undecodable);
+  if (report.entries_without_row != 0) {
+    std::printf(
+        "Entries with no row are normal right after a write (rows follow within 10 s) or after a "
+        "stop;\ntheir next renewal gives them one. Pruning removes rows whose entry is gone.\n");
+  }
+  return kSuccess;
+}
+
+}  // namespace dravinholdctl
