@@ -1,0 +1,25 @@
+#!/bin/sh
+# Installs the build into a fresh prefix, then builds and runs the consumer
+# program against it twice: through find_package(dravinhold), and through
+# pkg-config. Usage: run_consumer_test.sh BUILD_DIR SOURCE_DIR
+set -eu
+build_dir=$1
+source_dir=$2
+work=$(mktemp -d "${TMPDIR:-/tmp}/dravinhold-consumer-XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+cmake --install "$build_dir" --prefix "$work/prefix" > "$work/install.log"
+
+cmake -S "$source_dir" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix" > "$work/configure.log"
+cmake --build "$work/build" > "$work/build.log"
+
+mkdir "$work/root" "$work/root-pc"
+echo "== find_package(dravinhold)"
+ZERLA_DATA_ROOT="$work/root" "$work/build/consumer"
+
+echo "== pkg-config dravinhold"
+PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig" \
+  c++ -std=c++17 -Wall -Wextra -Werror -o "$work/consumer-pc" "$source_dir/consumer.cc" \
+  $(PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig" pkg-config --cflags --libs dravinhold) \
+  -Wl,-rpath,"$work/prefix/lib"
+ZERLA_DATA_ROOT="$work/root-pc" "$work/consumer-pc"
