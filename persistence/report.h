@@ -71,6 +71,7 @@ Poco::Any FormatArgument(const T& value) {
   return Poco::Any(value);
 }
 inline Poco::Any FormatArgument(const char* value) { return Poco::Any(std::string(value)); }
+inline Poco::Any FormatArgument(char* value) { return Poco::Any(std::string(value)); }
 
 template <typename LoggerT, typename... Args>
 void LogLine(int priority, const char* file, int line, const char* function, const char* format,

@@ -81,6 +81,14 @@ TEST(LogLineFormat, StringFromCharPointerAndLiteral) {
   EXPECT_EQ(capture.texts(), std::vector<std::string>{"thread LruStoreSync, phase start"});
 }
 
+TEST(LogLineFormat, StringFromWritableCharPointer) {
+  LogCapture capture("LibPersistence");
+  char name[] = "LruStorePrune";
+  char* writable = name;
+  LOG_LINE(LibPersistenceLogger, kError, "thread %s", writable);
+  EXPECT_EQ(capture.texts(), std::vector<std::string>{"thread LruStorePrune"});
+}
+
 TEST(LogLineFormat, EmptyStringArgument) {
   LogCapture capture("LibPersistence");
   LOG_LINE(LibPersistenceLogger, kError, "[%s]", std::string());
