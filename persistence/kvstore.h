@@ -72,6 +72,19 @@ void MoveIntoNewEntry(DataT* data, KeyT& key, ValueT& value) {
   entry->mutable_value()->Swap(&value);
 }
 
+// Copies data's entries into a vector of keys and one of values. An entry
+// without a value gives the default value; one without a key message, the
+// default key.
+template <typename DataT, typename KeyT, typename ValueT>
+void GatherEntries(const DataT& data, std::vector<KeyT>* keys, std::vector<ValueT>* values) {
+  keys->reserve(data.entries_size());
+  values->reserve(data.entries_size());
+  for (const auto& entry : data.entries()) {
+    keys->push_back(entry.key());
+    values->push_back(entry.value());
+  }
+}
+
 template <typename KeyT, typename ValueT, typename DataT>
 class DRAVINHOLD_EXPORT KVStore {
  public:
@@ -704,10 +717,7 @@ template <typename KeyT, typename ValueT, typename DataT>
 Status KVStore<KeyT, ValueT, DataT>::Import(const DataT* data) {
   std::vector<KeyT> keys;
   std::vector<ValueT> values;
-  for (const auto& entry : data->entries()) {
-    keys.push_back(entry.key());
-    values.push_back(entry.value());
-  }
+  GatherEntries(*data, &keys, &values);
   if (keys.empty() || values.empty()) {
     return Status(Status::kInvalidArgument, "Received empty keys or values vector");
   }

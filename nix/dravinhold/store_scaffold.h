@@ -30,19 +30,6 @@ constexpr HeapTag kStoreHeapTag = 108;
 template <typename DataT>
 using DataKey = std::decay_t<decltype(std::declval<typename DataT::Entry>().key())>;
 
-// Copies data's entries into a vector of keys and one of values. An entry
-// without a value gives the default value; one without a key message, the
-// default key.
-template <typename DataT, typename KeyT, typename ValueT>
-void GatherEntries(const DataT& data, std::vector<KeyT>* keys, std::vector<ValueT>* values) {
-  keys->reserve(data.entries_size());
-  values->reserve(data.entries_size());
-  for (const auto& entry : data.entries()) {
-    keys->push_back(entry.key());
-    values->push_back(entry.value());
-  }
-}
-
 // --- The five free function templates --------------------------------------
 
 // The whole store into two vectors, cleared first.
