@@ -1,6 +1,7 @@
 // The shape shared by dravinholdctl's subcommands.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,10 @@ struct Command {
 };
 
 const std::vector<Command>& Commands();
+
+// A count given on the command line: decimal digits only, no sign, at most
+// 2^64 - 1. False for anything else.
+bool ParseCount(const std::string& text, uint64_t* count);
 
 // Writes "dravinholdctl: <message>" to standard error and returns kFailure.
 int Fail(const std::string& message);

@@ -13,11 +13,12 @@
 namespace dravinholdctl {
 namespace {
 
-// Counts the records of "db"; false with *error set when the walk fails.
+// Counts the records of "db"; false with *error set when the walk fails,
+// and *count then the records that could be read.
 bool CountRecords(leveldb::DB* db, uint64_t* count, std::string* error) {
   *count = 0;
   const leveldb::Status status =
-      Walk(db, "", false, [count](const leveldb::Slice&, const leveldb::Slice&) {
+      Walk(db, "", [count](const leveldb::Slice&, const leveldb::Slice&) {
         ++*count;
         return true;
       });
@@ -52,7 +53,11 @@ int RunStores(const Context& context, const Arguments&) {
       std::string error;
       uint64_t count = 0;
       std::unique_ptr<leveldb::DB> db = OpenExisting(path, false, &error);
-      records = db && CountRecords(db.get(), &count, &error) ? std::to_string(count) : "unreadable";
+      if (!db) {
+        records = "unreadable";
+      } else {
+        records = CountRecords(db.get(), &count, &error) ? std::to_string(count) : "damaged";
+      }
     }
     std::printf("%-30s %-8s %-12s %12s %10s  %s\n", store.name.c_str(), present ? "yes" : "no",
                 holder != 0 ? ("pid " + std::to_string(holder)).c_str() : "no",
@@ -67,10 +72,8 @@ int RunDump(const Context& context, const Arguments& arguments) {
   if (store == nullptr) return kUsage;
   const bool json = arguments.Has("--json");
   const std::string limit_text = arguments.Value("--limit");
-  char* end = nullptr;
-  const uint64_t limit =
-      limit_text.empty() ? UINT64_MAX : std::strtoull(limit_text.c_str(), &end, 10);
-  if (!limit_text.empty() && *end != '\0') {
+  uint64_t limit = UINT64_MAX;
+  if (arguments.Has("--limit") && !ParseCount(limit_text, &limit)) {
     std::fprintf(stderr, "dravinholdctl: --limit needs a number, not \"%s\"\n", limit_text.c_str());
     return kUsage;
   }
@@ -85,7 +88,7 @@ int RunDump(const Context& context, const Arguments& arguments) {
   uint64_t shown = 0;
   uint64_t undecodable = 0;
   const leveldb::Status status =
-      Walk(db.get(), start, false, [&](const leveldb::Slice& key, const leveldb::Slice& value) {
+      Walk(db.get(), start, [&](const leveldb::Slice& key, const leveldb::Slice& value) {
         if (shown >= limit) return false;
         std::string line;
         if (!FormatRecord(*store, {key.ToString(), value.ToString()}, json, &line)) ++undecodable;
@@ -93,9 +96,10 @@ int RunDump(const Context& context, const Arguments& arguments) {
         ++shown;
         return true;
       });
-  if (!status.ok())
-    return Fail(store->name + " is damaged after " + std::to_string(shown) +
-                " records: " + status.ToString());
+  if (!status.ok()) {
+    return Fail(store->name + " is damaged: " + status.ToString() + " (" + std::to_string(shown) +
+                " records shown)");
+  }
   if (undecodable != 0) {
     return Fail(std::to_string(undecodable) + " of " + std::to_string(shown) +
                 " records could not be decoded");
@@ -113,8 +117,14 @@ int RunGet(const Context& context, const Arguments& arguments) {
   std::unique_ptr<leveldb::DB> db = OpenExisting(StorePath(context.root, *store), false, &error);
   if (!db) return Fail(error);
   std::string value;
-  const leveldb::Status status = db->Get(leveldb::ReadOptions(), key, &value);
-  if (status.IsNotFound()) return Fail("not found in " + store->name + ": " + key_text);
+  leveldb::ReadOptions options;
+  options.verify_checksums = true;
+  const leveldb::Status status = db->Get(options, key, &value);
+  if (status.IsNotFound()) {
+    const leveldb::Status damage = OpenDamage(db.get());
+    return Fail("not found in " + store->name + ": " + key_text +
+                (damage.ok() ? "" : "; the store is damaged: " + damage.ToString()));
+  }
   if (!status.ok()) return Fail(store->name + ": " + status.ToString());
   std::string line;
   const bool decoded = FormatRecord(*store, {key, value}, arguments.Has("--json"), &line);
@@ -129,7 +139,10 @@ int RunCount(const Context& context, const Arguments& arguments) {
   std::unique_ptr<leveldb::DB> db = OpenExisting(StorePath(context.root, *store), false, &error);
   if (!db) return Fail(error);
   uint64_t count = 0;
-  if (!CountRecords(db.get(), &count, &error)) return Fail(store->name + " is damaged: " + error);
+  if (!CountRecords(db.get(), &count, &error)) {
+    return Fail(store->name + " is damaged: " + error + " (" + std::to_string(count) +
+                " records readable)");
+  }
   std::printf("%" PRIu64 "\n", count);
   return kSuccess;
 }

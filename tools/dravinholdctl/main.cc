@@ -4,7 +4,10 @@
 // and "import" change a store, and only one that no other process holds.
 // Exit codes: 0 success, 1 failure, 2 usage.
 
+#include <google/protobuf/stubs/logging.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -83,6 +86,19 @@ std::string Arguments::Value(const std::string& option, const std::string& fallb
   return fallback;
 }
 
+bool ParseCount(const std::string& text, uint64_t* count) {
+  if (text.empty()) return false;
+  uint64_t value = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return false;
+    const uint64_t digit = static_cast<uint64_t>(c - '0');
+    if (value > (UINT64_MAX - digit) / 10) return false;
+    value = value * 10 + digit;
+  }
+  *count = value;
+  return true;
+}
+
 int Fail(const std::string& message) {
   std::fprintf(stderr, "dravinholdctl: %s\n", message.c_str());
   return kFailure;
@@ -102,9 +118,9 @@ const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
       {"stores",
        "stores",
-       "Lists the stores: directory, present or not, size on disk, records, and whether\n"
-       "another process holds the store open.",
-       "",
+       "Lists the stores with their directory, size on disk and records.",
+       "\nFor each store: present or not, the process that holds it open if another one\n"
+       "does (\"pid N\"), its size on disk, its records, and its directory.\n",
        RunStores,
        {},
        {},
@@ -174,7 +190,8 @@ const std::vector<Command>& Commands() {
        "Prints the enrichment store's order of use, oldest first, and checks it.",
        "\nEach row: its index, the entry's last use as a date, the entry's key, and a note\n"
        "when the entry is gone or has a newer row. Then a report: rows whose entry is\n"
-       "gone, entries with no row, entries whose index names another key's row.\n",
+       "gone, entries with no row, entries whose index names another key's row. Exit 1\n"
+       "when a record of either database does not decode.\n",
        RunLru,
        {"--json"},
        {"--limit"},
@@ -208,12 +225,20 @@ const std::vector<Command>& Commands() {
 
 int main(int argc, char** argv) {
   using namespace dravinholdctl;
+  // The tool says what went wrong in its own one line; protobuf's log lines
+  // (a string field that is not UTF-8, say) would only come on top of it.
+  google::protobuf::SetLogHandler(nullptr);
   std::vector<std::string> words(argv + 1, argv + argc);
   Context context;
   const char* environment_root = std::getenv("ZERLA_DATA_ROOT");
   context.root =
       environment_root != nullptr && *environment_root != '\0' ? environment_root : kDefaultRoot;
-  if (words.size() >= 2 && words[0] == "--root") {
+  if (!words.empty() && words[0] == "--root") {
+    if (words.size() < 2 || words[1].empty()) {
+      std::fprintf(stderr, "dravinholdctl: --root needs a directory\n\n");
+      PrintUsage(stderr);
+      return kUsage;
+    }
     context.root = words[1];
     words.erase(words.begin(), words.begin() + 2);
   }
@@ -222,12 +247,17 @@ int main(int argc, char** argv) {
     return kUsage;
   }
   if (words[0] == "--help" || words[0] == "help") {
-    const Command* command = words.size() > 1 ? FindCommand(words[1]) : nullptr;
-    if (command != nullptr) {
-      PrintCommandHelp(*command);
-    } else {
+    if (words.size() == 1) {
       PrintUsage(stdout);
+      return kSuccess;
     }
+    const Command* command = FindCommand(words[1]);
+    if (command == nullptr) {
+      std::fprintf(stderr, "dravinholdctl: no command \"%s\"\n\n", words[1].c_str());
+      PrintUsage(stderr);
+      return kUsage;
+    }
+    PrintCommandHelp(*command);
     return kSuccess;
   }
   const Command* command = FindCommand(words[0]);
@@ -250,7 +280,9 @@ int main(int argc, char** argv) {
   }
   const size_t count = arguments.positional().size();
   if (count < command->min_positional || count > command->max_positional) {
-    std::fprintf(stderr, "usage: dravinholdctl [--root DIR] %s\n", command->usage);
+    std::fprintf(stderr, "dravinholdctl: %s\nusage: dravinholdctl [--root DIR] %s\n",
+                 count < command->min_positional ? "missing argument" : "too many arguments",
+                 command->usage);
     return kUsage;
   }
   return command->run(context, arguments);

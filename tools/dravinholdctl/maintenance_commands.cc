@@ -17,26 +17,49 @@
 namespace dravinholdctl {
 namespace {
 
-// Verifies one store; prints its line and returns whether it is sound. An
-// absent store is sound when "absent_ok".
-bool VerifyStore(const Context& context, const StoreInfo& store, bool absent_ok) {
+// True, with *error set, when another process holds the store at "path".
+bool RefuseIfInUse(const std::string& path, std::string* error) {
+  if (const long holder = LockHolder(path)) {
+    *error = "in use by process " + std::to_string(holder) + ": " + path;
+    return true;
+  }
+  return false;
+}
+
+// Verifies one store; prints its line and returns whether it is sound. With
+// "all" an absent store is sound and a store that cannot be opened gets its
+// line among the others; alone, either is an error on standard error.
+bool VerifyStore(const Context& context, const StoreInfo& store, bool all) {
   const std::string path = StorePath(context.root, store);
   if (!DirectoryExists(path)) {
+    if (!all) {
+      Fail("not present: " + path);
+      return false;
+    }
     std::printf("%s: absent\n", store.name.c_str());
-    return absent_ok;
+    return true;
   }
   std::string error;
-  // Paranoid, so that damage in the log is found at the open already.
+  if (RefuseIfInUse(path, &error)) {
+    if (!all) {
+      Fail(error);
+      return false;
+    }
+    std::printf("%s: FAILED: %s\n", store.name.c_str(), error.c_str());
+    return false;
+  }
+  // Paranoid, so that damage in the log is found at the open already. A
+  // directory the engine cannot open as a database is damaged too.
   std::unique_ptr<leveldb::DB> db = OpenExisting(path, true, &error);
   if (!db) {
-    std::printf("%s: FAILED: %s\n", store.name.c_str(), error.c_str());
+    std::printf("%s: DAMAGED: %s\n", store.name.c_str(), error.c_str());
     return false;
   }
   ProgressBar progress("verify " + store.name, SizeOnDisk(path));
   uint64_t records = 0;
   std::string first_key;
   const leveldb::Status status =
-      Walk(db.get(), "", true, [&](const leveldb::Slice& key, const leveldb::Slice&) {
+      Walk(db.get(), "", [&](const leveldb::Slice& key, const leveldb::Slice&) {
         if (records++ == 0) first_key = key.ToString();
         if (records % 1024 == 0) {
           const leveldb::Range range(first_key, key);
@@ -50,19 +73,20 @@ bool VerifyStore(const Context& context, const StoreInfo& store, bool absent_ok)
     std::printf("%s: ok, %" PRIu64 " records, every block verified\n", store.name.c_str(), records);
     return true;
   }
-  std::printf("%s: DAMAGED after %" PRIu64 " records: %s\n", store.name.c_str(), records,
-              status.ToString().c_str());
+  std::printf("%s: DAMAGED: %s (%" PRIu64 " records readable)\n", store.name.c_str(),
+              status.ToString().c_str(), records);
   return false;
 }
 
-// Counts records, or gives "unreadable (<why>)".
+// Counts the records that pass checksum verification, or gives
+// "unreadable (<why>)", or "<n> readable (<why not more>)".
 std::string DescribeCount(const std::string& path) {
   std::string error;
   std::unique_ptr<leveldb::DB> db = OpenExisting(path, false, &error);
   if (!db) return "unreadable (" + error + ")";
   uint64_t count = 0;
   const leveldb::Status status =
-      Walk(db.get(), "", false, [&count](const leveldb::Slice&, const leveldb::Slice&) {
+      Walk(db.get(), "", [&count](const leveldb::Slice&, const leveldb::Slice&) {
         ++count;
         return true;
       });
@@ -79,15 +103,6 @@ bool ReadWholeFile(const std::string& path, std::string* contents) {
   return true;
 }
 
-// Fails unless the store at "path" is free for a change.
-bool RefuseIfInUse(const std::string& path, std::string* error) {
-  if (const long holder = LockHolder(path)) {
-    *error = "in use by process " + std::to_string(holder) + ": " + path;
-    return true;
-  }
-  return false;
-}
-
 }  // namespace
 
 int RunVerify(const Context& context, const Arguments& arguments) {
@@ -99,10 +114,12 @@ int RunVerify(const Context& context, const Arguments& arguments) {
   if (!all) {
     const StoreInfo* store = StoreArgument(arguments, 0);
     if (store == nullptr) return kUsage;
-    return VerifyStore(context, *store, false) ? kSuccess : kFailure;
+    return VerifyStore(context, *store, /*all=*/false) ? kSuccess : kFailure;
   }
   bool sound = true;
-  for (const StoreInfo& store : Stores()) sound = VerifyStore(context, store, true) && sound;
+  for (const StoreInfo& store : Stores()) {
+    sound = VerifyStore(context, store, /*all=*/true) && sound;
+  }
   return sound ? kSuccess : kFailure;
 }
 
@@ -114,7 +131,13 @@ int RunRepair(const Context& context, const Arguments& arguments) {
   if (!DirectoryExists(path)) return Fail("not present: " + path);
   if (RefuseIfInUse(path, &error)) return Fail(error);
   const std::string before = DescribeCount(path);
-  const leveldb::Status status = leveldb::RepairDB(path, leveldb::Options());
+  // With paranoid checks the repair reads every block of the tables with its
+  // checksum verified, and rewrites a table with a damaged block from the
+  // blocks that are sound. Without them a table that merely parses is kept
+  // as it is, damage and all.
+  leveldb::Options options;
+  options.paranoid_checks = true;
+  const leveldb::Status status = leveldb::RepairDB(path, options);
   if (!status.ok()) return Fail("repair of " + store->name + " failed: " + status.ToString());
   std::printf("%s: repaired; records before: %s, after: %s\n", store->name.c_str(), before.c_str(),
               DescribeCount(path).c_str());
@@ -130,11 +153,13 @@ int RunExport(const Context& context, const Arguments& arguments) {
   if (!db) return Fail(error);
   std::vector<RawRecord> records;
   const leveldb::Status status =
-      Walk(db.get(), "", false, [&records](const leveldb::Slice& key, const leveldb::Slice& value) {
+      Walk(db.get(), "", [&records](const leveldb::Slice& key, const leveldb::Slice& value) {
         records.push_back({key.ToString(), value.ToString()});
         return true;
       });
-  if (!status.ok()) return Fail(store->name + " is damaged: " + status.ToString());
+  if (!status.ok()) {
+    return Fail(store->name + " is damaged: " + status.ToString() + "; nothing exported");
+  }
   std::unique_ptr<google::protobuf::Message> data = NewMessage(store->data);
   if (!RecordsToData(*store, records, data.get(), &error)) return Fail(error);
   std::string contents;

@@ -1,9 +1,11 @@
 #include "records.h"
 
+#include <google/protobuf/io/tokenizer.h>
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/json_util.h>
 
 #include <cstdio>
+#include <map>
 
 namespace dravinholdctl {
 namespace {
@@ -29,8 +31,8 @@ std::string JsonOf(const Message& message) {
   return json;
 }
 
-// JSON string of arbitrary bytes: printable ASCII as it stands, the rest as
-// \u00XX escapes, one per byte.
+}  // namespace
+
 std::string JsonString(const std::string& bytes) {
   std::string out = "\"";
   for (const unsigned char c : bytes) {
@@ -48,6 +50,8 @@ std::string JsonString(const std::string& bytes) {
   return out + "\"";
 }
 
+namespace {
+
 // Decodes "bytes" as "type" into *text and *json; false when it does not parse.
 bool DecodeMessage(const Descriptor* type, const std::string& bytes, bool json, std::string* out) {
   std::unique_ptr<Message> message = NewMessage(type);
@@ -58,6 +62,16 @@ bool DecodeMessage(const Descriptor* type, const std::string& bytes, bool json, 
   *out = json ? JsonOf(*message) : TextOf(*message);
   return true;
 }
+
+// Keeps the first error of a text format parse, "column N: what".
+class FirstError : public google::protobuf::io::ErrorCollector {
+ public:
+  void AddError(int, google::protobuf::io::ColumnNumber column,
+                const std::string& message) override {
+    if (text.empty()) text = "column " + std::to_string(column + 1) + ": " + message;
+  }
+  std::string text;
+};
 
 bool Encode(const Message& message, std::string* bytes) {
   if (!message.SerializeToString(bytes)) return false;
@@ -100,8 +114,14 @@ bool EncodeKey(const StoreInfo& store, const std::string& text, std::string* byt
     return true;
   }
   std::unique_ptr<Message> key = NewMessage(store.key);
-  if (!google::protobuf::TextFormat::ParseFromString(text, key.get())) {
-    *error = "key is not a " + store.key->full_name() + " in text format: " + text;
+  // The parser's complaint goes into the one error line, not into
+  // protobuf's log on standard error.
+  FirstError complaint;
+  google::protobuf::TextFormat::Parser parser;
+  parser.RecordErrorsTo(&complaint);
+  if (!parser.ParseFromString(text, key.get())) {
+    *error = "key is not a " + store.key->full_name() + " in text format: " + text +
+             (complaint.text.empty() ? "" : " (" + complaint.text + ")");
     return false;
   }
   if (!Encode(*key, bytes)) {
@@ -150,6 +170,7 @@ bool DataToRecords(const StoreInfo& store, const Message& data, std::vector<RawR
                    std::string* error) {
   const FieldDescriptor* entries = Field(store.data, "entries");
   const int size = data.GetReflection()->FieldSize(data, entries);
+  std::map<std::string, int> seen;  // key -> its entry
   for (int i = 0; i < size; ++i) {
     const Message& entry = data.GetReflection()->GetRepeatedMessage(data, entries, i);
     const FieldDescriptor* key = Field(entry.GetDescriptor(), "key");
@@ -167,6 +188,14 @@ bool DataToRecords(const StoreInfo& store, const Message& data, std::vector<RawR
     }
     if (record.key.empty()) {
       *error = "entry " + std::to_string(i) + ": the key is empty";
+      return false;
+    }
+    // One batch would keep the last of two records of one key: refuse the
+    // file rather than count records that are not there.
+    const auto [first, added] = seen.emplace(record.key, i);
+    if (!added) {
+      *error = "entry " + std::to_string(i) + ": the key of entry " +
+               std::to_string(first->second) + " again";
       return false;
     }
     records->push_back(std::move(record));

@@ -36,11 +36,16 @@ bool RecordsToData(const StoreInfo& store, const std::vector<RawRecord>& records
                    google::protobuf::Message* data, std::string* error);
 
 // The records of a bulk message, each key and value encoded and proved by
-// parsing it back. False with *error set at the first that does not encode.
+// parsing it back. False with *error set at the first that does not encode,
+// has an empty key, or has the key of an earlier one.
 bool DataToRecords(const StoreInfo& store, const google::protobuf::Message& data,
                    std::vector<RawRecord>* records, std::string* error);
 
 // "text" with control bytes, quotes and bytes above 0x7e escaped, quoted.
 std::string Quoted(const std::string& text);
+
+// A JSON string of arbitrary bytes: printable ASCII as it stands, the rest
+// as \u00XX escapes, one per byte.
+std::string JsonString(const std::string& bytes);
 
 }  // namespace dravinholdctl
