@@ -290,6 +290,16 @@ class DRAVINHOLD_EXPORT KVStore {
   // As KeyBytes, with NullKey() translated to the handle's own marker.
   static const std::string* BoundBytes(const KeyT& bound, std::string* scratch);
 
+  // The bytes of both bounds of a range, start first; code 1 naming the
+  // bound that does not encode.
+  struct RangeBytes {
+    std::string start_scratch;
+    std::string limit_scratch;
+    const std::string* start = nullptr;
+    const std::string* limit = nullptr;
+  };
+  static Status TranslateBounds(const KeyT& key_start, const KeyT& key_limit, RangeBytes* range);
+
   // Decodes read records into the caller's vectors, values first.
   template <typename CustomValueT>
   static Status DecodeRecords(std::vector<std::string>& key_bytes,
@@ -399,6 +409,20 @@ const std::string* KVStore<KeyT, ValueT, DataT>::BoundBytes(const KeyT& bound,
     if (google::protobuf::util::MessageDifferencer::Equals(bound, NullKey())) return &DB::NullKey();
     return KeyBytes(bound, scratch);
   }
+}
+
+template <typename KeyT, typename ValueT, typename DataT>
+Status KVStore<KeyT, ValueT, DataT>::TranslateBounds(const KeyT& key_start, const KeyT& key_limit,
+                                                     RangeBytes* range) {
+  range->start = BoundBytes(key_start, &range->start_scratch);
+  if (range->start == nullptr) {
+    return Status(leveldb::Status::NotSupported("key_start", "SerializeToString"));
+  }
+  range->limit = BoundBytes(key_limit, &range->limit_scratch);
+  if (range->limit == nullptr) {
+    return Status(leveldb::Status::NotSupported("key_limit", "SerializeToString"));
+  }
+  return Status();
 }
 
 // --- Opening, the open gate and recovery ----------------------------------
@@ -798,20 +822,13 @@ Status KVStore<KeyT, ValueT, DataT>::DumpImpl(const KeyT& key_start, const KeyT&
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
   if (!gate.ok()) return gate;
-  std::string start_scratch;
-  const std::string* start_bytes = BoundBytes(key_start, &start_scratch);
-  if (start_bytes == nullptr) {
-    return Status(leveldb::Status::NotSupported("key_start", "SerializeToString"));
-  }
-  std::string limit_scratch;
-  const std::string* limit_bytes = BoundBytes(key_limit, &limit_scratch);
-  if (limit_bytes == nullptr) {
-    return Status(leveldb::Status::NotSupported("key_limit", "SerializeToString"));
-  }
+  RangeBytes range;
+  const Status bounds = TranslateBounds(key_start, key_limit, &range);
+  if (!bounds.ok()) return bounds;
   std::vector<std::string> key_bytes;
   std::vector<std::string> value_bytes;
   leveldb::Status status =
-      db_->DumpRange(*start_bytes, *limit_bytes, &key_bytes,
+      db_->DumpRange(*range.start, *range.limit, &key_bytes,
                      values != nullptr ? &value_bytes : nullptr, EngineSnapshot(snapshot));
   HandleErrors(status, lock);
   if (!status.ok()) return Status(status);
@@ -839,17 +856,10 @@ Status KVStore<KeyT, ValueT, DataT>::CountImpl(const KeyT& key_start, const KeyT
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
   if (!gate.ok()) return gate;
-  std::string start_scratch;
-  const std::string* start_bytes = BoundBytes(key_start, &start_scratch);
-  if (start_bytes == nullptr) {
-    return Status(leveldb::Status::NotSupported("key_start", "SerializeToString"));
-  }
-  std::string limit_scratch;
-  const std::string* limit_bytes = BoundBytes(key_limit, &limit_scratch);
-  if (limit_bytes == nullptr) {
-    return Status(leveldb::Status::NotSupported("key_limit", "SerializeToString"));
-  }
-  return Finish(db_->CountRange(*start_bytes, *limit_bytes, count, EngineSnapshot(snapshot)), lock);
+  RangeBytes range;
+  const Status bounds = TranslateBounds(key_start, key_limit, &range);
+  if (!bounds.ok()) return bounds;
+  return Finish(db_->CountRange(*range.start, *range.limit, count, EngineSnapshot(snapshot)), lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
