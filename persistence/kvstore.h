@@ -55,14 +55,15 @@ using HeapTag = uint32_t;
 
 // The logger of the store whose values are ValueT. Stores whose records
 // belong to another component specialise it.
-template <typename ValueT> struct KVStoreLogger {
+template <typename ValueT>
+struct KVStoreLogger {
   using type = LibPersistenceLogger;
 };
 
 // Appends an entry to a bulk message, moving key and value into it.
 template <typename DataT, typename KeyT, typename ValueT>
-void MoveIntoNewEntry(DataT *data, KeyT &key, ValueT &value) {
-  auto *entry = data->add_entries();
+void MoveIntoNewEntry(DataT* data, KeyT& key, ValueT& value) {
+  auto* entry = data->add_entries();
   if constexpr (std::is_same_v<KeyT, std::string>) {
     entry->mutable_key()->swap(key);
   } else {
@@ -75,11 +76,10 @@ void MoveIntoNewEntry(DataT *data, KeyT &key, ValueT &value) {
 // without a value gives the default value; one without a key message, the
 // default key.
 template <typename DataT, typename KeyT, typename ValueT>
-void GatherEntries(const DataT &data, std::vector<KeyT> *keys,
-                   std::vector<ValueT> *values) {
+void GatherEntries(const DataT& data, std::vector<KeyT>* keys, std::vector<ValueT>* values) {
   keys->reserve(data.entries_size());
   values->reserve(data.entries_size());
-  for (const auto &entry : data.entries()) {
+  for (const auto& entry : data.entries()) {
     keys->push_back(entry.key());
     values->push_back(entry.value());
   }
@@ -87,22 +87,22 @@ void GatherEntries(const DataT &data, std::vector<KeyT> *keys,
 
 template <typename KeyT, typename ValueT, typename DataT>
 class DRAVINHOLD_EXPORT KVStore {
-public:
+ public:
   // An opaque snapshot of the store; null means its current state. A handle
   // belongs to its caller from CreateSnapshot to ReleaseSnapshot, and dies
   // with the database it was taken on: it must not be used after a reopen.
-  using SnapshotHandle = const void *;
+  using SnapshotHandle = const void*;
   enum ReadDirection { kForward = 1, kReverse = 2 };
   using Callback = std::function<bool(KeyT, ValueT)>;
 
   // A closed store. Opens nothing and starts nothing.
   explicit KVStore(HeapTag heap_tag);
 
-  KVStore(const KVStore &) = delete;
-  KVStore &operator=(const KVStore &) = delete;
+  KVStore(const KVStore&) = delete;
+  KVStore& operator=(const KVStore&) = delete;
 
   // The directory of the database, as set by the first open.
-  virtual const std::string &path() const;
+  virtual const std::string& path() const;
 
   // True when the database is open. Does not try to reopen.
   virtual bool is_open() const;
@@ -113,86 +113,77 @@ public:
   // Single-key writes. A Delete of an absent key succeeds. "sync" makes the
   // engine sync its log before returning. A value or message key that does
   // not encode is refused with code 1 and nothing is written.
-  virtual Status Put(const KeyT &key, const ValueT &value, bool sync);
+  virtual Status Put(const KeyT& key, const ValueT& value, bool sync);
 
   // Writes all pairs in one engine write, or nothing. The lengths are not
   // compared: the surplus of the longer vector is dropped.
-  virtual Status Put(const std::vector<KeyT> &keys,
-                     const std::vector<ValueT> &values, bool sync);
-  virtual Status Delete(const KeyT &key, bool sync);
-  virtual Status Delete(const std::vector<KeyT> &keys, bool sync);
+  virtual Status Put(const std::vector<KeyT>& keys, const std::vector<ValueT>& values, bool sync);
+  virtual Status Delete(const KeyT& key, bool sync);
+  virtual Status Delete(const std::vector<KeyT>& keys, bool sync);
 
   // Reads one record into *value, which is cleared first and stays empty on
   // any failure but a record that does not parse. An absent key is code 3.
-  virtual Status Get(const KeyT &key, ValueT *value, SnapshotHandle snapshot);
+  virtual Status Get(const KeyT& key, ValueT* value, SnapshotHandle snapshot);
 
   // Reads the records of "keys" into *values, one to one, or fails whole:
   // code 3 at the first absent key, with *values empty.
-  virtual Status Get(const std::vector<KeyT> &keys, std::vector<ValueT> *values,
+  virtual Status Get(const std::vector<KeyT>& keys, std::vector<ValueT>* values,
                      SnapshotHandle snapshot);
 
   // Calls "callback" for each record in key order (or its reverse) until it
   // returns false. A record that does not decode ends the walk in paranoid
   // mode and is skipped otherwise; neither case is reported.
-  virtual Status Iterate(const Callback &callback, SnapshotHandle snapshot);
-  virtual Status ReverseIterate(const Callback &callback,
-                                SnapshotHandle snapshot);
+  virtual Status Iterate(const Callback& callback, SnapshotHandle snapshot);
+  virtual Status ReverseIterate(const Callback& callback, SnapshotHandle snapshot);
 
   // Records from "key_start" (inclusive) to "key_limit" (exclusive); NullKey()
   // as a bound is an open end. "values" may be null. Fails whole on a record
   // that does not decode.
-  virtual Status DumpRange(const KeyT &key_start, const KeyT &key_limit,
-                           std::vector<KeyT> *keys, std::vector<ValueT> *values,
-                           SnapshotHandle snapshot);
+  virtual Status DumpRange(const KeyT& key_start, const KeyT& key_limit, std::vector<KeyT>* keys,
+                           std::vector<ValueT>* values, SnapshotHandle snapshot);
 
   // Counts records without decoding them.
-  virtual Status Count(uint64_t *count, SnapshotHandle snapshot);
-  virtual Status CountRange(const KeyT &key_start, const KeyT &key_limit,
-                            uint64_t *count, SnapshotHandle snapshot);
+  virtual Status Count(uint64_t* count, SnapshotHandle snapshot);
+  virtual Status CountRange(const KeyT& key_start, const KeyT& key_limit, uint64_t* count,
+                            SnapshotHandle snapshot);
 
   // A page of up to "count" records from position "start", counted from 1 in
   // the direction of the walk (0 and 1 both begin at the first record).
-  virtual Status ReadInterval(uint64_t start, uint64_t count,
-                              std::vector<KeyT> *keys,
-                              std::vector<ValueT> *values,
-                              SnapshotHandle snapshot);
-  virtual Status ReadReverseInterval(uint64_t start, uint64_t count,
-                                     std::vector<KeyT> *keys,
-                                     std::vector<ValueT> *values,
-                                     SnapshotHandle snapshot);
+  virtual Status ReadInterval(uint64_t start, uint64_t count, std::vector<KeyT>* keys,
+                              std::vector<ValueT>* values, SnapshotHandle snapshot);
+  virtual Status ReadReverseInterval(uint64_t start, uint64_t count, std::vector<KeyT>* keys,
+                                     std::vector<ValueT>* values, SnapshotHandle snapshot);
 
   // A forward page appended to data's entries. Requires a non-null "data".
-  virtual Status ReadDataInterval(uint64_t start, uint64_t count, DataT *data);
+  virtual Status ReadDataInterval(uint64_t start, uint64_t count, DataT* data);
 
   // Replaces the whole store with data's entries in one synchronous write.
   // Refuses a message without entries (code 2) and leaves the store as it
   // was. Requires a non-null "data".
-  virtual Status Import(const DataT *data);
+  virtual Status Import(const DataT* data);
 
   // One engine write: deletes "del_keys", then puts the pairs.
-  virtual Status AtomicDeleteAndPut(const std::vector<KeyT> &del_keys,
-                                    const std::vector<KeyT> &put_keys,
-                                    const std::vector<ValueT> &put_values,
-                                    bool sync);
+  virtual Status AtomicDeleteAndPut(const std::vector<KeyT>& del_keys,
+                                    const std::vector<KeyT>& put_keys,
+                                    const std::vector<ValueT>& put_values, bool sync);
 
   // One engine write that replaces everything in the store with the pairs;
   // readers see the old contents or the new, never a mix.
-  virtual Status AtomicClearAndPut(const std::vector<KeyT> &put_keys,
-                                   const std::vector<ValueT> &put_values,
-                                   bool sync);
+  virtual Status AtomicClearAndPut(const std::vector<KeyT>& put_keys,
+                                   const std::vector<ValueT>& put_values, bool sync);
   virtual Status Clear(bool sync);
 
   // Sets *is_empty; the handle refuses a null pointer.
-  virtual Status Empty(bool *is_empty, SnapshotHandle snapshot);
+  virtual Status Empty(bool* is_empty, SnapshotHandle snapshot);
 
-  virtual Status CreateSnapshot(const void **snapshot);
+  virtual Status CreateSnapshot(const void** snapshot);
   virtual Status ReleaseSnapshot(SnapshotHandle snapshot);
 
   // Compacts the database, in the caller's thread.
   virtual Status Compact();
 
   // The engine's statistics texts; either pointer may be null.
-  virtual Status Stats(std::string *stats, std::string *sstables);
+  virtual Status Stats(std::string* stats, std::string* sstables);
 
   // Bytes the directory takes on disk; works on a closed store too, and
   // counts a directory that can't be measured as 0.
@@ -200,7 +191,7 @@ public:
 
   // The engine's estimate of the space of the record stored under the bytes
   // "key" (no encoding takes place). "size" is set only on success.
-  virtual Status GetSizeOfKey(const std::string &key, uint64_t &size);
+  virtual Status GetSizeOfKey(const std::string& key, uint64_t& size);
 
   // The maximum size in MiB; 0, no maximum, for a plain store.
   virtual uint64_t GetMaxSize();
@@ -210,67 +201,63 @@ public:
 
   // The open end of a key range. Any other operation treats it as an
   // ordinary key.
-  static const KeyT &NullKey();
+  static const KeyT& NullKey();
 
   // Encodes "message" into "out" and proves the encoding by parsing it back.
   // On false "out" is untouched.
   template <typename T>
-  static bool SerializeToString(const T &message, std::string &out);
+  static bool SerializeToString(const T& message, std::string& out);
 
   // Encodes the messages in order, appending to "out"; stops at the first
   // failure, leaving what was made so far.
   template <typename T>
-  static bool SerializeToString(const std::vector<T> &messages,
-                                std::vector<std::string> &out);
+  static bool SerializeToString(const std::vector<T>& messages, std::vector<std::string>& out);
 
   // Decodes each string into a message appended to *out_values; stops at the
   // first failure, leaving what was decoded so far.
   template <typename CustomValueT>
-  static bool DeserializeFromString(const std::vector<std::string> &in,
-                                    std::vector<CustomValueT> *out_values);
+  static bool DeserializeFromString(const std::vector<std::string>& in,
+                                    std::vector<CustomValueT>* out_values);
 
   // All records; see DumpRange.
-  Status Dump(std::vector<KeyT> *keys, std::vector<ValueT> *values,
-              SnapshotHandle snapshot);
+  Status Dump(std::vector<KeyT>* keys, std::vector<ValueT>* values, SnapshotHandle snapshot);
 
-protected:
+ protected:
   using Logger = typename KVStoreLogger<ValueT>::type;
   using SharedLock = std::shared_lock<std::shared_mutex>;
   using ExclusiveLock = std::unique_lock<std::shared_mutex>;
 
-  virtual Status CountImpl(const KeyT &key_start, const KeyT &key_limit,
-                           uint64_t *count, SnapshotHandle snapshot);
-  virtual Status ReadImpl(ReadDirection direction, uint64_t start,
-                          uint64_t count, std::vector<KeyT> *keys,
-                          std::vector<ValueT> *values, SnapshotHandle snapshot);
+  virtual Status CountImpl(const KeyT& key_start, const KeyT& key_limit, uint64_t* count,
+                           SnapshotHandle snapshot);
+  virtual Status ReadImpl(ReadDirection direction, uint64_t start, uint64_t count,
+                          std::vector<KeyT>* keys, std::vector<ValueT>* values,
+                          SnapshotHandle snapshot);
 
   // Reopens the store when "status" says Corruption or I/O error. Leaves
   // "status" unchanged; may come back with "lock" released.
-  virtual void HandleErrors(leveldb::Status &status, SharedLock &lock);
+  virtual void HandleErrors(leveldb::Status& status, SharedLock& lock);
 
   // Closes and opens the database again, at most once per min_reopen_delay_
   // however many threads ask. Requires "lock" held. Comes back with it held
   // after a success or a refusal within the delay, and released after a
   // refusal under the exclusive lock or a failure: ask lock.owns_lock().
-  virtual Status Reopen(SharedLock &lock);
+  virtual Status Reopen(SharedLock& lock);
 
   template <typename CustomValueT>
-  Status DumpImpl(const KeyT &key_start, const KeyT &key_limit,
-                  std::vector<KeyT> *keys, std::vector<CustomValueT> *values,
-                  SnapshotHandle snapshot);
+  Status DumpImpl(const KeyT& key_start, const KeyT& key_limit, std::vector<KeyT>* keys,
+                  std::vector<CustomValueT>* values, SnapshotHandle snapshot);
 
   // The only way a store opens: exclusively locked, with recovery now and on
   // every later reopen.
-  Status OpenWithRecovery(const std::string &path, bool paranoid_checks,
-                          size_t cache_size_mb);
+  Status OpenWithRecovery(const std::string& path, bool paranoid_checks, size_t cache_size_mb);
 
   // The callers of these hold mutex_ exclusively.
-  Status OpenNoLock(const std::string &path, bool paranoid_checks,
-                    bool create_if_missing, size_t cache_size_mb);
+  Status OpenNoLock(const std::string& path, bool paranoid_checks, bool create_if_missing,
+                    size_t cache_size_mb);
   // Opens "path"; a database that fails verification with Corruption is
   // destroyed (paranoid_checks true) or repaired first and destroyed if that
   // does not help (false). Ends with an empty database rather than none.
-  Status OpenWithRecoveryNoLock(const std::string &path, bool paranoid_checks,
+  Status OpenWithRecoveryNoLock(const std::string& path, bool paranoid_checks,
                                 size_t cache_size_mb);
   void CloseNoLock();
 
@@ -284,58 +271,60 @@ protected:
   std::chrono::nanoseconds min_reopen_delay_ = std::chrono::seconds(300);
   HeapTag heap_tag_;
 
-private:
+ private:
   static constexpr bool kStringKeys = std::is_same_v<KeyT, std::string>;
 
   // The first steps of every operation that touches the database: with
   // "lock" taken, reopens a closed store. Returns ok with "lock" held when
   // the store is open.
-  Status PassOpenGate(SharedLock &lock);
+  Status PassOpenGate(SharedLock& lock);
 
   // The engine status after HandleErrors, as the caller's result.
-  Status Finish(leveldb::Status status, SharedLock &lock);
+  Status Finish(leveldb::Status status, SharedLock& lock);
 
   // The bytes one key is stored under: a string key's own, or a message
   // key's wire form, kept in "scratch".
   struct EncodedKey {
     std::string scratch;
-    const std::string *bytes = nullptr;
+    const std::string* bytes = nullptr;
   };
   // The same for a vector of keys.
   struct EncodedKeys {
     std::vector<std::string> scratch;
-    const std::vector<std::string> *bytes = nullptr;
+    const std::vector<std::string>* bytes = nullptr;
   };
 
   // Encodes "key" into *encoded. A message key that does not encode is
   // code 1, with "name" and "failure" as the two parts of its message.
-  static Status EncodeKey(const KeyT &key, const char *name,
-                          const char *failure, EncodedKey *encoded);
-  static Status EncodeKeys(const std::vector<KeyT> &keys, const char *name,
-                           const char *failure, EncodedKeys *encoded);
+  static Status EncodeKey(const KeyT& key, const char* name, const char* failure,
+                          EncodedKey* encoded);
+  static Status EncodeKeys(const std::vector<KeyT>& keys, const char* name, const char* failure,
+                           EncodedKeys* encoded);
   // Encodes a range bound, with NullKey() translated to the handle's own
   // marker.
-  static Status EncodeBound(const KeyT &bound, const char *name,
-                            EncodedKey *encoded);
+  static Status EncodeBound(const KeyT& bound, const char* name, EncodedKey* encoded);
   // Encodes "values" in order; code 1 naming "name" at the first that does
   // not encode.
-  static Status EncodeValues(const std::vector<ValueT> &values,
-                             const char *name, std::vector<std::string> *bytes);
+  static Status EncodeValues(const std::vector<ValueT>& values, const char* name,
+                             std::vector<std::string>* bytes);
 
   // Decodes read records into the caller's vectors, values first.
   template <typename CustomValueT>
-  static Status DecodeRecords(std::vector<std::string> &key_bytes,
-                              const std::vector<std::string> &value_bytes,
-                              std::vector<KeyT> *keys,
-                              std::vector<CustomValueT> *values);
+  static Status DecodeRecords(std::vector<std::string>& key_bytes,
+                              const std::vector<std::string>& value_bytes, std::vector<KeyT>* keys,
+                              std::vector<CustomValueT>* values);
 
-  Status IterateImpl(bool reverse, const Callback &callback,
-                     SnapshotHandle snapshot);
-  Status RecreateIfCorruptNoLock(const std::string &path, size_t cache_size_mb);
-  Status RepairIfCorruptNoLock(const std::string &path, size_t cache_size_mb);
+  Status IterateImpl(bool reverse, const Callback& callback, SnapshotHandle snapshot);
+  Status RecreateIfCorruptNoLock(const std::string& path, size_t cache_size_mb);
+  Status RepairIfCorruptNoLock(const std::string& path, size_t cache_size_mb);
+  // OpenNoLock, then a full verification of what it opened.
+  Status OpenAndVerifyNoLock(const std::string& path, bool paranoid_checks, size_t cache_size_mb);
+  // Destroys the database and opens it anew, empty. A failed destroy is
+  // logged and the open still runs: it may succeed all the same.
+  Status RecreateNoLock(const std::string& path, bool paranoid_checks, size_t cache_size_mb);
 
-  static const leveldb::Snapshot *EngineSnapshot(SnapshotHandle snapshot) {
-    return static_cast<const leveldb::Snapshot *>(snapshot);
+  static const leveldb::Snapshot* EngineSnapshot(SnapshotHandle snapshot) {
+    return static_cast<const leveldb::Snapshot*>(snapshot);
   }
 };
 
@@ -356,7 +345,7 @@ KVStore<KeyT, ValueT, DataT>::~KVStore() {
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-const KeyT &KVStore<KeyT, ValueT, DataT>::NullKey() {
+const KeyT& KVStore<KeyT, ValueT, DataT>::NullKey() {
   if constexpr (kStringKeys) {
     static const std::string kNullKey = "Zerla::Persistence::KVStore::NullKey";
     return kNullKey;
@@ -368,27 +357,23 @@ const KeyT &KVStore<KeyT, ValueT, DataT>::NullKey() {
 
 template <typename KeyT, typename ValueT, typename DataT>
 template <typename T>
-bool KVStore<KeyT, ValueT, DataT>::SerializeToString(const T &message,
-                                                     std::string &out) {
+bool KVStore<KeyT, ValueT, DataT>::SerializeToString(const T& message, std::string& out) {
   std::string bytes;
-  if (!message.SerializeToString(&bytes))
-    return false;
+  if (!message.SerializeToString(&bytes)) return false;
   T parsed;
-  if (!parsed.ParseFromString(bytes))
-    return false;
+  if (!parsed.ParseFromString(bytes)) return false;
   out.swap(bytes);
   return true;
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
 template <typename T>
-bool KVStore<KeyT, ValueT, DataT>::SerializeToString(
-    const std::vector<T> &messages, std::vector<std::string> &out) {
+bool KVStore<KeyT, ValueT, DataT>::SerializeToString(const std::vector<T>& messages,
+                                                     std::vector<std::string>& out) {
   out.reserve(messages.size());
-  for (const T &message : messages) {
+  for (const T& message : messages) {
     std::string bytes;
-    if (!SerializeToString(message, bytes))
-      return false;
+    if (!SerializeToString(message, bytes)) return false;
     out.push_back(std::move(bytes));
   }
   return true;
@@ -396,15 +381,13 @@ bool KVStore<KeyT, ValueT, DataT>::SerializeToString(
 
 template <typename KeyT, typename ValueT, typename DataT>
 template <typename CustomValueT>
-bool KVStore<KeyT, ValueT, DataT>::DeserializeFromString(
-    const std::vector<std::string> &in, std::vector<CustomValueT> *out_values) {
-  if (!CHECK_LOGGED(Logger, out_values, "out_values is nullptr"))
-    return false;
+bool KVStore<KeyT, ValueT, DataT>::DeserializeFromString(const std::vector<std::string>& in,
+                                                         std::vector<CustomValueT>* out_values) {
+  if (!CHECK_LOGGED(Logger, out_values, "out_values is nullptr")) return false;
   out_values->reserve(in.size());
-  for (const std::string &bytes : in) {
+  for (const std::string& bytes : in) {
     CustomValueT message;
-    if (!message.ParseFromString(bytes))
-      return false;
+    if (!message.ParseFromString(bytes)) return false;
     out_values->emplace_back();
     out_values->back().Swap(&message);
   }
@@ -412,9 +395,9 @@ bool KVStore<KeyT, ValueT, DataT>::DeserializeFromString(
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::EncodeKey(
-    const KeyT &key, [[maybe_unused]] const char *name,
-    [[maybe_unused]] const char *failure, EncodedKey *encoded) {
+Status KVStore<KeyT, ValueT, DataT>::EncodeKey(const KeyT& key, [[maybe_unused]] const char* name,
+                                               [[maybe_unused]] const char* failure,
+                                               EncodedKey* encoded) {
   if constexpr (kStringKeys) {
     encoded->bytes = &key;
   } else {
@@ -427,9 +410,10 @@ Status KVStore<KeyT, ValueT, DataT>::EncodeKey(
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::EncodeKeys(
-    const std::vector<KeyT> &keys, [[maybe_unused]] const char *name,
-    [[maybe_unused]] const char *failure, EncodedKeys *encoded) {
+Status KVStore<KeyT, ValueT, DataT>::EncodeKeys(const std::vector<KeyT>& keys,
+                                                [[maybe_unused]] const char* name,
+                                                [[maybe_unused]] const char* failure,
+                                                EncodedKeys* encoded) {
   if constexpr (kStringKeys) {
     encoded->bytes = &keys;
   } else {
@@ -442,38 +426,31 @@ Status KVStore<KeyT, ValueT, DataT>::EncodeKeys(
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::EncodeBound(const KeyT &bound,
-                                                 const char *name,
-                                                 EncodedKey *encoded) {
+Status KVStore<KeyT, ValueT, DataT>::EncodeBound(const KeyT& bound, const char* name,
+                                                 EncodedKey* encoded) {
   bool is_null_key;
   if constexpr (kStringKeys) {
     is_null_key = bound == NullKey();
   } else {
-    is_null_key =
-        google::protobuf::util::MessageDifferencer::Equals(bound, NullKey());
+    is_null_key = google::protobuf::util::MessageDifferencer::Equals(bound, NullKey());
   }
-  if (!is_null_key)
-    return EncodeKey(bound, name, "SerializeToString", encoded);
+  if (!is_null_key) return EncodeKey(bound, name, "SerializeToString", encoded);
   encoded->bytes = &DB::NullKey();
   return Status();
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status
-KVStore<KeyT, ValueT, DataT>::EncodeValues(const std::vector<ValueT> &values,
-                                           const char *name,
-                                           std::vector<std::string> *bytes) {
-  if (SerializeToString(values, *bytes))
-    return Status();
-  return Status(
-      leveldb::Status::NotSupported(name, "Failed serializing values"));
+Status KVStore<KeyT, ValueT, DataT>::EncodeValues(const std::vector<ValueT>& values,
+                                                  const char* name,
+                                                  std::vector<std::string>* bytes) {
+  if (SerializeToString(values, *bytes)) return Status();
+  return Status(leveldb::Status::NotSupported(name, "Failed serializing values"));
 }
 
 // --- Opening, the open gate and recovery ----------------------------------
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::OpenWithRecovery(const std::string &path,
-                                                      bool paranoid_checks,
+Status KVStore<KeyT, ValueT, DataT>::OpenWithRecovery(const std::string& path, bool paranoid_checks,
                                                       size_t cache_size_mb) {
   ExclusiveLock lock(mutex_);
   use_recovery_ = true;
@@ -481,10 +458,8 @@ Status KVStore<KeyT, ValueT, DataT>::OpenWithRecovery(const std::string &path,
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::OpenNoLock(const std::string &path,
-                                                bool paranoid_checks,
-                                                bool create_if_missing,
-                                                size_t cache_size_mb) {
+Status KVStore<KeyT, ValueT, DataT>::OpenNoLock(const std::string& path, bool paranoid_checks,
+                                                bool create_if_missing, size_t cache_size_mb) {
   if (!CHECK_LOGGED(Logger, !db_, "db_ is not nullptr")) {
     return Status(leveldb::Status::InvalidArgument("db_", "!nullptr"));
   }
@@ -493,11 +468,9 @@ Status KVStore<KeyT, ValueT, DataT>::OpenNoLock(const std::string &path,
   paranoid_checks_ = paranoid_checks;
   path_ = path;
   db_ = std::make_unique<DB>(path_);
-  const leveldb::Status status =
-      db_->Open(paranoid_checks, create_if_missing, true, cache_size_mb);
+  const leveldb::Status status = db_->Open(paranoid_checks, create_if_missing, true, cache_size_mb);
   if (!status.ok()) {
-    LOG_LINE(Logger, Poco::Message::PRIO_ERROR, "Failed to open database '%s'.",
-             path_);
+    LOG_LINE(Logger, Poco::Message::PRIO_ERROR, "Failed to open database '%s'.", path_);
     db_.reset();
     return Status(status);
   }
@@ -506,15 +479,15 @@ Status KVStore<KeyT, ValueT, DataT>::OpenNoLock(const std::string &path,
 
 template <typename KeyT, typename ValueT, typename DataT>
 void KVStore<KeyT, ValueT, DataT>::CloseNoLock() {
-  if (!db_)
-    return;
+  if (!db_) return;
   db_->Close();
   db_.reset();
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::OpenWithRecoveryNoLock(
-    const std::string &path, bool paranoid_checks, size_t cache_size_mb) {
+Status KVStore<KeyT, ValueT, DataT>::OpenWithRecoveryNoLock(const std::string& path,
+                                                            bool paranoid_checks,
+                                                            size_t cache_size_mb) {
   if (!CHECK_LOGGED(Logger, !db_, "db_ is not nullptr")) {
     return Status(leveldb::Status::InvalidArgument("db_", "!nullptr"));
   }
@@ -525,36 +498,44 @@ Status KVStore<KeyT, ValueT, DataT>::OpenWithRecoveryNoLock(
 // Each step that makes a new handle replaces the old one, so that a database
 // still open in it is closed before the next step touches the directory.
 template <typename KeyT, typename ValueT, typename DataT>
-Status
-KVStore<KeyT, ValueT, DataT>::RecreateIfCorruptNoLock(const std::string &path,
-                                                      size_t cache_size_mb) {
-  Status status = OpenNoLock(path, true, true, cache_size_mb);
-  if (status.ok())
-    status = Status(db_->Verify());
-  if (status.code != Status::kCorruption)
-    return status;
+Status KVStore<KeyT, ValueT, DataT>::OpenAndVerifyNoLock(const std::string& path,
+                                                         bool paranoid_checks,
+                                                         size_t cache_size_mb) {
+  Status status = OpenNoLock(path, paranoid_checks, true, cache_size_mb);
+  if (status.ok()) status = Status(db_->Verify());
+  return status;
+}
 
-  LOG_LINE(Logger, Poco::Message::PRIO_CRITICAL,
-           "Failed to open corrupted database '%s'. Recreating.", path);
+template <typename KeyT, typename ValueT, typename DataT>
+Status KVStore<KeyT, ValueT, DataT>::RecreateNoLock(const std::string& path, bool paranoid_checks,
+                                                    size_t cache_size_mb) {
   db_ = std::make_unique<DB>(path);
   if (!db_->Destroy().ok()) {
     LOG_LINE(Logger, Poco::Message::PRIO_WARNING,
              "Failed to destroy database '%s'. Reopening again.", path);
   }
   db_.reset();
-  return OpenNoLock(path, true, true, cache_size_mb);
+  return OpenNoLock(path, paranoid_checks, true, cache_size_mb);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status
-KVStore<KeyT, ValueT, DataT>::RepairIfCorruptNoLock(const std::string &path,
-                                                    size_t cache_size_mb) {
+Status KVStore<KeyT, ValueT, DataT>::RecreateIfCorruptNoLock(const std::string& path,
+                                                             size_t cache_size_mb) {
+  const Status status = OpenAndVerifyNoLock(path, true, cache_size_mb);
+  if (status.code != Status::kCorruption) return status;
+  LOG_LINE(Logger, Poco::Message::PRIO_CRITICAL,
+           "Failed to open corrupted database '%s'. Recreating.", path);
+  return RecreateNoLock(path, true, cache_size_mb);
+}
+
+template <typename KeyT, typename ValueT, typename DataT>
+Status KVStore<KeyT, ValueT, DataT>::RepairIfCorruptNoLock(const std::string& path,
+                                                           size_t cache_size_mb) {
   // A probe that neither creates nor changes the store's fields. On a first
   // start it fails for want of a database, and the real open creates one.
   db_ = std::make_unique<DB>(path);
   Status status(db_->Open(true, false, false, 0));
-  if (status.ok())
-    status = Status(db_->Verify());
+  if (status.ok()) status = Status(db_->Verify());
   if (status.code != Status::kCorruption) {
     db_.reset();
     return OpenNoLock(path, false, true, cache_size_mb);
@@ -568,60 +549,42 @@ KVStore<KeyT, ValueT, DataT>::RepairIfCorruptNoLock(const std::string &path,
              "Failed to repair database '%s'. Reopening again.", path);
   }
   db_.reset();
-  status = OpenNoLock(path, false, true, cache_size_mb);
-  if (status.ok())
-    status = Status(db_->Verify());
-  if (status.code != Status::kCorruption)
-    return status;
-
-  LOG_LINE(Logger, Poco::Message::PRIO_CRITICAL,
-           "Failed to repair database '%s' - recreating.", path);
-  db_ = std::make_unique<DB>(path);
-  if (!db_->Destroy().ok()) {
-    LOG_LINE(Logger, Poco::Message::PRIO_WARNING,
-             "Failed to destroy database '%s'. Reopening again.", path);
-  }
-  db_.reset();
-  return OpenNoLock(path, false, true, cache_size_mb);
+  status = OpenAndVerifyNoLock(path, false, cache_size_mb);
+  if (status.code != Status::kCorruption) return status;
+  LOG_LINE(Logger, Poco::Message::PRIO_CRITICAL, "Failed to repair database '%s' - recreating.",
+           path);
+  return RecreateNoLock(path, false, cache_size_mb);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::PassOpenGate(SharedLock &lock) {
-  if (db_)
-    return Status();
+Status KVStore<KeyT, ValueT, DataT>::PassOpenGate(SharedLock& lock) {
+  if (db_) return Status();
   const Status status = Reopen(lock);
   // A reopen that failed, or that another thread ran, comes back with the
   // lock released; it is taken again before db_ is looked at, so that no
   // operation touches the handle unlocked.
-  if (!lock.owns_lock())
-    lock.lock();
-  if (db_)
-    return Status();
-  if (!status.ok())
-    return status;
+  if (!lock.owns_lock()) lock.lock();
+  if (db_) return Status();
+  if (!status.ok()) return status;
   return Status(leveldb::Status::IOError("db_", "nullptr"));
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-void KVStore<KeyT, ValueT, DataT>::HandleErrors(leveldb::Status &status,
-                                                SharedLock &lock) {
-  if (status.ok())
-    return;
+void KVStore<KeyT, ValueT, DataT>::HandleErrors(leveldb::Status& status, SharedLock& lock) {
+  if (status.ok()) return;
   // Other failures say nothing about the database's health.
-  if (!status.IsCorruption() && !status.IsIOError())
-    return;
+  if (!status.IsCorruption() && !status.IsIOError()) return;
   Reopen(lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Finish(leveldb::Status status,
-                                            SharedLock &lock) {
+Status KVStore<KeyT, ValueT, DataT>::Finish(leveldb::Status status, SharedLock& lock) {
   HandleErrors(status, lock);
   return Status(status);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Reopen(SharedLock &lock) {
+Status KVStore<KeyT, ValueT, DataT>::Reopen(SharedLock& lock) {
   logger_ndc_push(Poco::format("Reopen(%s)", path_));
   struct NdcPop {
     ~NdcPop() { logger_ndc_pop(); }
@@ -630,37 +593,31 @@ Status KVStore<KeyT, ValueT, DataT>::Reopen(SharedLock &lock) {
 
   // Tested first under the shared lock, so that the many callers of a failing
   // store don't queue for the exclusive side.
-  if (SteadyNow() - last_reopen_ < min_reopen_delay_)
-    return refused;
+  if (SteadyNow() - last_reopen_ < min_reopen_delay_) return refused;
   lock.unlock();
   ExclusiveLock exclusive(mutex_);
   // Tested again: another thread may have reopened while none was held.
-  if (SteadyNow() - last_reopen_ < min_reopen_delay_)
-    return refused;
+  if (SteadyNow() - last_reopen_ < min_reopen_delay_) return refused;
   last_reopen_ = SteadyNow();
 
   LOG_LINE(Logger, Poco::Message::PRIO_NOTICE, "Reopening the database...");
   CloseNoLock();
-  const Status status =
-      use_recovery_
-          ? OpenWithRecoveryNoLock(path_, paranoid_checks_, cache_size_mb_)
-          : OpenNoLock(path_, paranoid_checks_, true, cache_size_mb_);
+  const Status status = use_recovery_
+                            ? OpenWithRecoveryNoLock(path_, paranoid_checks_, cache_size_mb_)
+                            : OpenNoLock(path_, paranoid_checks_, true, cache_size_mb_);
   if (!status.ok()) {
-    LOG_LINE(Logger, Poco::Message::PRIO_CRITICAL,
-             "Database failed to recover with error %d (%s)", status.code,
-             status.message);
+    LOG_LINE(Logger, Poco::Message::PRIO_CRITICAL, "Database failed to recover with error %d (%s)",
+             status.code, status.message);
     return status;
   }
-  LOG_LINE(Logger, Poco::Message::PRIO_NOTICE,
-           "Database reopened successfully!");
+  LOG_LINE(Logger, Poco::Message::PRIO_NOTICE, "Database reopened successfully!");
   exclusive.unlock();
   lock.lock();
   return status;
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-void KVStore<KeyT, ValueT, DataT>::set_min_reopen_delay(
-    std::chrono::nanoseconds delay) {
+void KVStore<KeyT, ValueT, DataT>::set_min_reopen_delay(std::chrono::nanoseconds delay) {
   ExclusiveLock lock(mutex_);
   min_reopen_delay_ = delay;
 }
@@ -668,164 +625,134 @@ void KVStore<KeyT, ValueT, DataT>::set_min_reopen_delay(
 // --- Single keys ----------------------------------------------------------
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Put(const KeyT &key, const ValueT &value,
-                                         bool sync) {
+Status KVStore<KeyT, ValueT, DataT>::Put(const KeyT& key, const ValueT& value, bool sync) {
   SharedLock lock(mutex_);
   Status status = PassOpenGate(lock);
-  if (!status.ok())
-    return status;
+  if (!status.ok()) return status;
   std::string value_bytes;
   if (!SerializeToString(value, value_bytes)) {
-    return Status(
-        leveldb::Status::NotSupported("value", "Failed serializing value"));
+    return Status(leveldb::Status::NotSupported("value", "Failed serializing value"));
   }
   EncodedKey key_bytes;
   status = EncodeKey(key, "key", "Failed serializing key", &key_bytes);
-  if (!status.ok())
-    return status;
+  if (!status.ok()) return status;
   return Finish(db_->Put(*key_bytes.bytes, value_bytes, sync), lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Get(const KeyT &key, ValueT *value,
-                                         SnapshotHandle snapshot) {
+Status KVStore<KeyT, ValueT, DataT>::Get(const KeyT& key, ValueT* value, SnapshotHandle snapshot) {
   if (!CHECK_LOGGED(Logger, value, "value is nullptr")) {
     return Status(leveldb::Status::InvalidArgument("value", "nullptr"));
   }
   value->Clear();
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
+  if (!gate.ok()) return gate;
   EncodedKey key_bytes;
-  const Status encoded =
-      EncodeKey(key, "key", "Failed serializing key", &key_bytes);
-  if (!encoded.ok())
-    return encoded;
+  const Status encoded = EncodeKey(key, "key", "Failed serializing key", &key_bytes);
+  if (!encoded.ok()) return encoded;
   std::string value_bytes;
-  leveldb::Status status =
-      db_->Get(*key_bytes.bytes, &value_bytes, EngineSnapshot(snapshot));
+  leveldb::Status status = db_->Get(*key_bytes.bytes, &value_bytes, EngineSnapshot(snapshot));
   HandleErrors(status, lock);
   // A record that does not parse is damage in one record, not in the
   // database: it is reported to the caller and left where it is.
   if (status.ok() && !value->ParseFromString(value_bytes)) {
-    return Status(leveldb::Status::NotSupported("db_value",
-                                                "Failed deserializing value"));
+    return Status(leveldb::Status::NotSupported("db_value", "Failed deserializing value"));
   }
   return Status(status);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Delete(const KeyT &key, bool sync) {
+Status KVStore<KeyT, ValueT, DataT>::Delete(const KeyT& key, bool sync) {
   SharedLock lock(mutex_);
   EncodedKey key_bytes;
   Status status = PassOpenGate(lock);
-  if (status.ok())
-    status = EncodeKey(key, "key", "Failed serializing key", &key_bytes);
-  if (!status.ok())
-    return status;
+  if (status.ok()) status = EncodeKey(key, "key", "Failed serializing key", &key_bytes);
+  if (!status.ok()) return status;
   return Finish(db_->Delete(*key_bytes.bytes, sync), lock);
 }
 
 // --- Bulk writes: everything is encoded, values first, before one handle call.
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Put(const std::vector<KeyT> &keys,
-                                         const std::vector<ValueT> &values,
-                                         bool sync) {
+Status KVStore<KeyT, ValueT, DataT>::Put(const std::vector<KeyT>& keys,
+                                         const std::vector<ValueT>& values, bool sync) {
   SharedLock lock(mutex_);
   std::vector<std::string> value_bytes;
   EncodedKeys key_bytes;
   Status status = PassOpenGate(lock);
-  if (status.ok())
-    status = EncodeValues(values, "values", &value_bytes);
-  if (status.ok())
-    status = EncodeKeys(keys, "keys", "Failed serializing keys", &key_bytes);
-  if (!status.ok())
-    return status;
+  if (status.ok()) status = EncodeValues(values, "values", &value_bytes);
+  if (status.ok()) status = EncodeKeys(keys, "keys", "Failed serializing keys", &key_bytes);
+  if (!status.ok()) return status;
   return Finish(db_->Put(*key_bytes.bytes, value_bytes, sync), lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Delete(const std::vector<KeyT> &keys,
-                                            bool sync) {
+Status KVStore<KeyT, ValueT, DataT>::Delete(const std::vector<KeyT>& keys, bool sync) {
   SharedLock lock(mutex_);
   EncodedKeys key_bytes;
   Status status = PassOpenGate(lock);
-  if (status.ok())
-    status = EncodeKeys(keys, "keys", "Failed serializing keys", &key_bytes);
-  if (!status.ok())
-    return status;
+  if (status.ok()) status = EncodeKeys(keys, "keys", "Failed serializing keys", &key_bytes);
+  if (!status.ok()) return status;
   return Finish(db_->Delete(*key_bytes.bytes, sync), lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::AtomicDeleteAndPut(
-    const std::vector<KeyT> &del_keys, const std::vector<KeyT> &put_keys,
-    const std::vector<ValueT> &put_values, bool sync) {
+Status KVStore<KeyT, ValueT, DataT>::AtomicDeleteAndPut(const std::vector<KeyT>& del_keys,
+                                                        const std::vector<KeyT>& put_keys,
+                                                        const std::vector<ValueT>& put_values,
+                                                        bool sync) {
   SharedLock lock(mutex_);
   std::vector<std::string> value_bytes;
   EncodedKeys del_bytes;
   EncodedKeys put_bytes;
   Status status = PassOpenGate(lock);
-  if (status.ok())
-    status = EncodeValues(put_values, "put_values", &value_bytes);
+  if (status.ok()) status = EncodeValues(put_values, "put_values", &value_bytes);
   if (status.ok()) {
-    status = EncodeKeys(del_keys, "del_keys",
-                        "Failed serializing keys to delete", &del_bytes);
+    status = EncodeKeys(del_keys, "del_keys", "Failed serializing keys to delete", &del_bytes);
   }
   if (status.ok()) {
-    status = EncodeKeys(put_keys, "put_keys", "Failed serializing keys to put",
-                        &put_bytes);
+    status = EncodeKeys(put_keys, "put_keys", "Failed serializing keys to put", &put_bytes);
   }
-  if (!status.ok())
-    return status;
-  return Finish(db_->AtomicDeleteAndPut(*del_bytes.bytes, *put_bytes.bytes,
-                                        value_bytes, sync),
+  if (!status.ok()) return status;
+  return Finish(db_->AtomicDeleteAndPut(*del_bytes.bytes, *put_bytes.bytes, value_bytes, sync),
                 lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::AtomicClearAndPut(
-    const std::vector<KeyT> &put_keys, const std::vector<ValueT> &put_values,
-    bool sync) {
+Status KVStore<KeyT, ValueT, DataT>::AtomicClearAndPut(const std::vector<KeyT>& put_keys,
+                                                       const std::vector<ValueT>& put_values,
+                                                       bool sync) {
   SharedLock lock(mutex_);
   std::vector<std::string> value_bytes;
   EncodedKeys put_bytes;
   Status status = PassOpenGate(lock);
-  if (status.ok())
-    status = EncodeValues(put_values, "put_values", &value_bytes);
+  if (status.ok()) status = EncodeValues(put_values, "put_values", &value_bytes);
   if (status.ok()) {
-    status = EncodeKeys(put_keys, "put_keys", "Failed serializing keys to put",
-                        &put_bytes);
+    status = EncodeKeys(put_keys, "put_keys", "Failed serializing keys to put", &put_bytes);
   }
-  if (!status.ok())
-    return status;
-  return Finish(db_->AtomicClearAndPut(*put_bytes.bytes, value_bytes, sync),
-                lock);
+  if (!status.ok()) return status;
+  return Finish(db_->AtomicClearAndPut(*put_bytes.bytes, value_bytes, sync), lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
 Status KVStore<KeyT, ValueT, DataT>::Clear(bool sync) {
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
+  if (!gate.ok()) return gate;
   return Finish(db_->Clear(sync), lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Import(const DataT *data) {
+Status KVStore<KeyT, ValueT, DataT>::Import(const DataT* data) {
   std::vector<KeyT> keys;
   std::vector<ValueT> values;
   GatherEntries(*data, &keys, &values);
   if (keys.empty() || values.empty()) {
-    return Status(Status::kInvalidArgument,
-                  "Received empty keys or values vector");
+    return Status(Status::kInvalidArgument, "Received empty keys or values vector");
   }
   const Status status = AtomicClearAndPut(keys, values, true);
-  if (!status.ok())
-    std::cerr << "Failed to write data" << std::endl;
+  if (!status.ok()) std::cerr << "Failed to write data" << std::endl;
   return status;
 }
 
@@ -833,28 +760,25 @@ Status KVStore<KeyT, ValueT, DataT>::Import(const DataT *data) {
 
 template <typename KeyT, typename ValueT, typename DataT>
 template <typename CustomValueT>
-Status KVStore<KeyT, ValueT, DataT>::DecodeRecords(
-    std::vector<std::string> &key_bytes,
-    const std::vector<std::string> &value_bytes, std::vector<KeyT> *keys,
-    std::vector<CustomValueT> *values) {
+Status KVStore<KeyT, ValueT, DataT>::DecodeRecords(std::vector<std::string>& key_bytes,
+                                                   const std::vector<std::string>& value_bytes,
+                                                   std::vector<KeyT>* keys,
+                                                   std::vector<CustomValueT>* values) {
   if (values != nullptr && !DeserializeFromString(value_bytes, values)) {
-    return Status(leveldb::Status::NotSupported("db_values",
-                                                "Failed deserializing values"));
+    return Status(leveldb::Status::NotSupported("db_values", "Failed deserializing values"));
   }
   if constexpr (kStringKeys) {
     keys->swap(key_bytes);
   } else {
     if (!DeserializeFromString(key_bytes, keys)) {
-      return Status(leveldb::Status::NotSupported("db_keys",
-                                                  "Failed deserializing keys"));
+      return Status(leveldb::Status::NotSupported("db_keys", "Failed deserializing keys"));
     }
   }
   return Status();
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Get(const std::vector<KeyT> &keys,
-                                         std::vector<ValueT> *values,
+Status KVStore<KeyT, ValueT, DataT>::Get(const std::vector<KeyT>& keys, std::vector<ValueT>* values,
                                          SnapshotHandle snapshot) {
   if (!CHECK_LOGGED(Logger, values, "values is nullptr")) {
     return Status(leveldb::Status::InvalidArgument("values", "nullptr"));
@@ -862,171 +786,139 @@ Status KVStore<KeyT, ValueT, DataT>::Get(const std::vector<KeyT> &keys,
   values->clear();
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
+  if (!gate.ok()) return gate;
   EncodedKeys key_bytes;
-  const Status encoded =
-      EncodeKeys(keys, "keys", "Failed serializing keys", &key_bytes);
-  if (!encoded.ok())
-    return encoded;
+  const Status encoded = EncodeKeys(keys, "keys", "Failed serializing keys", &key_bytes);
+  if (!encoded.ok()) return encoded;
   std::vector<std::string> value_bytes;
-  leveldb::Status status =
-      db_->Get(*key_bytes.bytes, &value_bytes, EngineSnapshot(snapshot));
+  leveldb::Status status = db_->Get(*key_bytes.bytes, &value_bytes, EngineSnapshot(snapshot));
   HandleErrors(status, lock);
   if (status.ok() && !DeserializeFromString(value_bytes, values)) {
-    return Status(leveldb::Status::NotSupported("db_values",
-                                                "Failed deserializing values"));
+    return Status(leveldb::Status::NotSupported("db_values", "Failed deserializing values"));
   }
   return Status(status);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Dump(std::vector<KeyT> *keys,
-                                          std::vector<ValueT> *values,
+Status KVStore<KeyT, ValueT, DataT>::Dump(std::vector<KeyT>* keys, std::vector<ValueT>* values,
                                           SnapshotHandle snapshot) {
   return DumpImpl(NullKey(), NullKey(), keys, values, snapshot);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::DumpRange(const KeyT &key_start,
-                                               const KeyT &key_limit,
-                                               std::vector<KeyT> *keys,
-                                               std::vector<ValueT> *values,
+Status KVStore<KeyT, ValueT, DataT>::DumpRange(const KeyT& key_start, const KeyT& key_limit,
+                                               std::vector<KeyT>* keys, std::vector<ValueT>* values,
                                                SnapshotHandle snapshot) {
   return DumpImpl(key_start, key_limit, keys, values, snapshot);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
 template <typename CustomValueT>
-Status KVStore<KeyT, ValueT, DataT>::DumpImpl(const KeyT &key_start,
-                                              const KeyT &key_limit,
-                                              std::vector<KeyT> *keys,
-                                              std::vector<CustomValueT> *values,
+Status KVStore<KeyT, ValueT, DataT>::DumpImpl(const KeyT& key_start, const KeyT& key_limit,
+                                              std::vector<KeyT>* keys,
+                                              std::vector<CustomValueT>* values,
                                               SnapshotHandle snapshot) {
   if (!CHECK_LOGGED(Logger, keys, "keys is nullptr")) {
     return Status(leveldb::Status::InvalidArgument("keys", "nullptr"));
   }
   keys->clear();
-  if (values != nullptr)
-    values->clear();
+  if (values != nullptr) values->clear();
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
+  if (!gate.ok()) return gate;
   EncodedKey start;
   EncodedKey limit;
   Status bounds = EncodeBound(key_start, "key_start", &start);
-  if (bounds.ok())
-    bounds = EncodeBound(key_limit, "key_limit", &limit);
-  if (!bounds.ok())
-    return bounds;
+  if (bounds.ok()) bounds = EncodeBound(key_limit, "key_limit", &limit);
+  if (!bounds.ok()) return bounds;
   std::vector<std::string> key_bytes;
   std::vector<std::string> value_bytes;
-  leveldb::Status status = db_->DumpRange(
-      *start.bytes, *limit.bytes, &key_bytes,
-      values != nullptr ? &value_bytes : nullptr, EngineSnapshot(snapshot));
+  leveldb::Status status =
+      db_->DumpRange(*start.bytes, *limit.bytes, &key_bytes,
+                     values != nullptr ? &value_bytes : nullptr, EngineSnapshot(snapshot));
   HandleErrors(status, lock);
-  if (!status.ok())
-    return Status(status);
+  if (!status.ok()) return Status(status);
   return DecodeRecords(key_bytes, value_bytes, keys, values);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Count(uint64_t *count,
-                                           SnapshotHandle snapshot) {
+Status KVStore<KeyT, ValueT, DataT>::Count(uint64_t* count, SnapshotHandle snapshot) {
   return CountImpl(NullKey(), NullKey(), count, snapshot);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::CountRange(const KeyT &key_start,
-                                                const KeyT &key_limit,
-                                                uint64_t *count,
-                                                SnapshotHandle snapshot) {
+Status KVStore<KeyT, ValueT, DataT>::CountRange(const KeyT& key_start, const KeyT& key_limit,
+                                                uint64_t* count, SnapshotHandle snapshot) {
   return CountImpl(key_start, key_limit, count, snapshot);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::CountImpl(const KeyT &key_start,
-                                               const KeyT &key_limit,
-                                               uint64_t *count,
-                                               SnapshotHandle snapshot) {
+Status KVStore<KeyT, ValueT, DataT>::CountImpl(const KeyT& key_start, const KeyT& key_limit,
+                                               uint64_t* count, SnapshotHandle snapshot) {
   if (!CHECK_LOGGED(Logger, count, "count is nullptr")) {
     return Status(leveldb::Status::InvalidArgument("count", "nullptr"));
   }
   *count = 0;
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
+  if (!gate.ok()) return gate;
   EncodedKey start;
   EncodedKey limit;
   Status bounds = EncodeBound(key_start, "key_start", &start);
-  if (bounds.ok())
-    bounds = EncodeBound(key_limit, "key_limit", &limit);
-  if (!bounds.ok())
-    return bounds;
-  return Finish(db_->CountRange(*start.bytes, *limit.bytes, count,
-                                EngineSnapshot(snapshot)),
-                lock);
+  if (bounds.ok()) bounds = EncodeBound(key_limit, "key_limit", &limit);
+  if (!bounds.ok()) return bounds;
+  return Finish(db_->CountRange(*start.bytes, *limit.bytes, count, EngineSnapshot(snapshot)), lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::ReadInterval(uint64_t start,
-                                                  uint64_t count,
-                                                  std::vector<KeyT> *keys,
-                                                  std::vector<ValueT> *values,
+Status KVStore<KeyT, ValueT, DataT>::ReadInterval(uint64_t start, uint64_t count,
+                                                  std::vector<KeyT>* keys,
+                                                  std::vector<ValueT>* values,
                                                   SnapshotHandle snapshot) {
   return ReadImpl(kForward, start, count, keys, values, snapshot);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::ReadReverseInterval(
-    uint64_t start, uint64_t count, std::vector<KeyT> *keys,
-    std::vector<ValueT> *values, SnapshotHandle snapshot) {
+Status KVStore<KeyT, ValueT, DataT>::ReadReverseInterval(uint64_t start, uint64_t count,
+                                                         std::vector<KeyT>* keys,
+                                                         std::vector<ValueT>* values,
+                                                         SnapshotHandle snapshot) {
   return ReadImpl(kReverse, start, count, keys, values, snapshot);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::ReadImpl(ReadDirection direction,
-                                              uint64_t start, uint64_t count,
-                                              std::vector<KeyT> *keys,
-                                              std::vector<ValueT> *values,
+Status KVStore<KeyT, ValueT, DataT>::ReadImpl(ReadDirection direction, uint64_t start,
+                                              uint64_t count, std::vector<KeyT>* keys,
+                                              std::vector<ValueT>* values,
                                               SnapshotHandle snapshot) {
   if (!CHECK_LOGGED(Logger, keys, "keys is nullptr")) {
     return Status(leveldb::Status::InvalidArgument("keys", "nullptr"));
   }
   keys->clear();
-  if (values != nullptr)
-    values->clear();
+  if (values != nullptr) values->clear();
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
-  if (count == ~uint64_t{0})
-    count = DB::MaxCount();
-  const auto read_step =
-      direction == kForward ? &DB::ReadInterval : &DB::ReadReverseInterval;
+  if (!gate.ok()) return gate;
+  if (count == ~uint64_t{0}) count = DB::MaxCount();
+  const auto read_step = direction == kForward ? &DB::ReadInterval : &DB::ReadReverseInterval;
   std::vector<std::string> key_bytes;
   std::vector<std::string> value_bytes;
-  leveldb::Status status = (db_.get()->*read_step)(
-      start, count, &key_bytes, values != nullptr ? &value_bytes : nullptr,
-      EngineSnapshot(snapshot));
+  leveldb::Status status =
+      (db_.get()->*read_step)(start, count, &key_bytes, values != nullptr ? &value_bytes : nullptr,
+                              EngineSnapshot(snapshot));
   HandleErrors(status, lock);
-  if (!status.ok())
-    return Status(status);
+  if (!status.ok()) return Status(status);
   return DecodeRecords(key_bytes, value_bytes, keys, values);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::ReadDataInterval(uint64_t start,
-                                                      uint64_t count,
-                                                      DataT *data) {
+Status KVStore<KeyT, ValueT, DataT>::ReadDataInterval(uint64_t start, uint64_t count, DataT* data) {
   std::vector<KeyT> keys;
   std::vector<ValueT> values;
   const Status status = ReadInterval(start, count, &keys, &values, nullptr);
   if (!status.ok()) {
-    LOG_LINE(Logger, Poco::Message::PRIO_ERROR, "status code=%d message=%s",
-             status.code, status.message);
+    LOG_LINE(Logger, Poco::Message::PRIO_ERROR, "status code=%d message=%s", status.code,
+             status.message);
     return status;
   }
   for (size_t i = 0; i < keys.size() && i < values.size(); ++i) {
@@ -1036,39 +928,33 @@ Status KVStore<KeyT, ValueT, DataT>::ReadDataInterval(uint64_t start,
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Iterate(const Callback &callback,
-                                             SnapshotHandle snapshot) {
+Status KVStore<KeyT, ValueT, DataT>::Iterate(const Callback& callback, SnapshotHandle snapshot) {
   return IterateImpl(false, callback, snapshot);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::ReverseIterate(const Callback &callback,
+Status KVStore<KeyT, ValueT, DataT>::ReverseIterate(const Callback& callback,
                                                     SnapshotHandle snapshot) {
   return IterateImpl(true, callback, snapshot);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::IterateImpl(bool reverse,
-                                                 const Callback &callback,
+Status KVStore<KeyT, ValueT, DataT>::IterateImpl(bool reverse, const Callback& callback,
                                                  SnapshotHandle snapshot) {
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
+  if (!gate.ok()) return gate;
   // A record that does not decode ends the walk in paranoid mode and is
   // skipped otherwise, silently either way.
-  const auto decode_and_call = [this,
-                                &callback](std::string key_bytes,
-                                           std::string value_bytes) -> bool {
+  const auto decode_and_call = [this, &callback](std::string key_bytes,
+                                                 std::string value_bytes) -> bool {
     ValueT value;
-    if (!value.ParseFromString(value_bytes))
-      return !paranoid_checks_;
+    if (!value.ParseFromString(value_bytes)) return !paranoid_checks_;
     if constexpr (kStringKeys) {
       return callback(std::move(key_bytes), std::move(value));
     } else {
       KeyT key;
-      if (!key.ParseFromString(key_bytes))
-        return !paranoid_checks_;
+      if (!key.ParseFromString(key_bytes)) return !paranoid_checks_;
       return callback(std::move(key), std::move(value));
     }
   };
@@ -1079,26 +965,23 @@ Status KVStore<KeyT, ValueT, DataT>::IterateImpl(bool reverse,
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Empty(bool *is_empty,
-                                           SnapshotHandle snapshot) {
+Status KVStore<KeyT, ValueT, DataT>::Empty(bool* is_empty, SnapshotHandle snapshot) {
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
+  if (!gate.ok()) return gate;
   return Finish(db_->Empty(is_empty, EngineSnapshot(snapshot)), lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::CreateSnapshot(const void **snapshot) {
+Status KVStore<KeyT, ValueT, DataT>::CreateSnapshot(const void** snapshot) {
   if (!CHECK_LOGGED(Logger, snapshot, "snapshot is nullptr")) {
     return Status(leveldb::Status::InvalidArgument("snapshot", "nullptr"));
   }
   *snapshot = nullptr;
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
-  const leveldb::Snapshot *engine_snapshot = nullptr;
+  if (!gate.ok()) return gate;
+  const leveldb::Snapshot* engine_snapshot = nullptr;
   const leveldb::Status status = db_->CreateSnapshot(&engine_snapshot);
   *snapshot = engine_snapshot;
   return Finish(status, lock);
@@ -1111,15 +994,14 @@ Status KVStore<KeyT, ValueT, DataT>::ReleaseSnapshot(SnapshotHandle snapshot) {
   }
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
+  if (!gate.ok()) return gate;
   return Finish(db_->ReleaseSnapshot(EngineSnapshot(snapshot)), lock);
 }
 
 // --- Upkeep and introspection ---------------------------------------------
 
 template <typename KeyT, typename ValueT, typename DataT>
-const std::string &KVStore<KeyT, ValueT, DataT>::path() const {
+const std::string& KVStore<KeyT, ValueT, DataT>::path() const {
   // path_ changes only on the first open; a reopen assigns the same text.
   { SharedLock lock(mutex_); }
   return path_;
@@ -1135,32 +1017,25 @@ template <typename KeyT, typename ValueT, typename DataT>
 Status KVStore<KeyT, ValueT, DataT>::Compact() {
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
+  if (!gate.ok()) return gate;
   return Finish(db_->Compact(), lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::Stats(std::string *stats,
-                                           std::string *sstables) {
-  if (stats != nullptr)
-    stats->clear();
-  if (sstables != nullptr)
-    sstables->clear();
+Status KVStore<KeyT, ValueT, DataT>::Stats(std::string* stats, std::string* sstables) {
+  if (stats != nullptr) stats->clear();
+  if (sstables != nullptr) sstables->clear();
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
+  if (!gate.ok()) return gate;
   return Finish(db_->Stats(stats, sstables), lock);
 }
 
 template <typename KeyT, typename ValueT, typename DataT>
-Status KVStore<KeyT, ValueT, DataT>::GetSizeOfKey(const std::string &key,
-                                                  uint64_t &size) {
+Status KVStore<KeyT, ValueT, DataT>::GetSizeOfKey(const std::string& key, uint64_t& size) {
   SharedLock lock(mutex_);
   const Status gate = PassOpenGate(lock);
-  if (!gate.ok())
-    return gate;
+  if (!gate.ok()) return gate;
   return Finish(db_->GetSizeOfKey(key, size), lock);
 }
 
@@ -1176,4 +1051,4 @@ uint64_t KVStore<KeyT, ValueT, DataT>::GetMaxSize() {
   return 0;
 }
 
-} // namespace persistence
+}  // namespace persistence
