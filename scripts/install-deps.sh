@@ -3,7 +3,8 @@
 set -eu
 
 packages="cmake make g++ pkg-config libleveldb-dev libsnappy-dev libprotobuf-dev
-protobuf-compiler libpoco-dev libgtest-dev libgmock-dev libbenchmark-dev"
+protobuf-compiler libpoco-dev libgtest-dev libgmock-dev libbenchmark-dev
+clang libclang-rt-14-dev"
 
 missing=""
 for package in $packages; do
