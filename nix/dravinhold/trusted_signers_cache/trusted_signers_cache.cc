@@ -23,8 +23,10 @@ uint64_t NextCacheIndex() {
 }
 
 // The comparison is signed: a last use ahead of the clock counts as fresh.
+// It is made as "last_used >= now - 59", since the age, now minus a stored
+// last_used, can overflow for a value far in the past.
 bool IsFresh(const proto::TrustedSignersCacheStore::Value& value, std::time_t now) {
-  return static_cast<int64_t>(now) - value.last_used() <= kTrustedSignersCacheRefreshAgeSeconds;
+  return value.last_used() >= static_cast<int64_t>(now) - kTrustedSignersCacheRefreshAgeSeconds;
 }
 
 void Renew(Value* value, std::time_t now) {
