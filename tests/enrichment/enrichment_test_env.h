@@ -31,6 +31,7 @@
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "support/test_clock.h"
+#include "support/test_records.h"
 
 namespace persistence {
 
@@ -84,11 +85,14 @@ struct StoreAccess : LruStoreBase {
   }
 };
 
-// A file hash: 64 lower-case hex digits from "seed".
-std::string HashKey(uint64_t seed);
+using testing_support::CountThreads;
+using testing_support::HashKey;
+using testing_support::StartEngineThread;
+using testing_support::ThreadNames;
+using testing_support::WaitUntil;
 // A realistic record: image path, signature details, hashes, score and three
 // entitlements; lru_data unset.
-Value Record(uint64_t seed);
+inline Value Record(uint64_t seed) { return testing_support::EnrichmentRecord(seed); }
 
 // The key of the one entry every test starts with.
 constexpr char kSeedKey[] = "0-seed";
@@ -110,16 +114,7 @@ using Line = std::pair<int, std::string>;
 std::vector<Line> CallerLines(const testing_support::LogCapture& log);
 void PrintTo(const Line& line, std::ostream* out);
 
-std::vector<std::string> ThreadNames();
-int CountThreads(const std::string& name);
 bool IsDirectory(const std::string& path);
-// The storage engine runs compactions on one background thread per process,
-// started by the first compaction and named after the thread that started
-// it. This starts it from the calling thread, so that it never takes the
-// name of a store thread.
-void StartEngineThread();
-bool WaitUntil(const std::function<bool()>& done,
-               std::chrono::milliseconds limit = std::chrono::seconds(20));
 
 // The state every test starts from: $ZERLA_DATA_ROOT names a fresh
 // directory holding the seed entry, the clocks stand at one hour and

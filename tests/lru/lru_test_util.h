@@ -31,6 +31,7 @@
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "support/test_clock.h"
+#include "support/test_records.h"
 
 namespace persistence {
 
@@ -180,12 +181,14 @@ class TestLruStore : public LruStoreBase {
 // The LRU key of "index".
 inline std::string LruKey(uint64_t index) { return LruStoreBase::LruKey(index); }
 
-// A file hash as the agent keys the store: 64 lower-case hex digits, from
-// "seed".
-std::string HashKey(uint64_t seed);
+using testing_support::CountThreads;
+using testing_support::HashKey;
+using testing_support::StartEngineThread;
+using testing_support::ThreadNames;
+using testing_support::WaitUntil;
 // A realistic record: image path, signature details, hashes, score and three
-// entitlements. lru_data is left unset.
-Value Record(uint64_t seed);
+// entitlements; lru_data unset.
+inline Value Record(uint64_t seed) { return testing_support::EnrichmentRecord(seed); }
 // A record with only lru_data set.
 Value Stamped(int64_t last_used, uint64_t index);
 
@@ -225,20 +228,6 @@ std::string SourceLine(const std::string& file, int number);
 int SourceLineOf(const std::string& file, const std::string& text);
 // The header of a failed check at the line that contains "site_text".
 std::string CheckHeader(const std::string& site_text, const std::string& condition);
-
-// The names of the threads of this process, from /proc/self/task/*/comm.
-std::vector<std::string> ThreadNames();
-int CountThreads(const std::string& name);
-
-// The storage engine runs compactions on one background thread per process,
-// started by the first compaction and named after the thread that started
-// it. This starts it from the calling thread, so that it never takes the
-// name of a store thread.
-void StartEngineThread();
-
-// Polls "done" until it holds or "limit" passes.
-bool WaitUntil(const std::function<bool()>& done,
-               std::chrono::milliseconds limit = std::chrono::seconds(20));
 
 // A channel for the "Enrichment" logger that keeps the lines as LogCapture
 // does and lets a test act at the moment a line is logged, in the thread that
