@@ -73,6 +73,13 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME "dravinhold-tools")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+  "libdravinhold${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), libzerla-common-standin")
+# The project's own libraries are not installed while the packages are made:
+# dpkg-shlibdeps finds them in the build tree, and the dependencies on their
+# packages are the explicit ones above.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+  "${CMAKE_BINARY_DIR}" "${CMAKE_BINARY_DIR}/zerla_common")
 set(CPACK_DEBIAN_STANDIN_PACKAGE_NAME "libzerla-common-standin")
 set(CPACK_DEBIAN_STANDIN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "libdravinhold.so, the agent's local stores")
