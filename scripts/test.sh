@@ -29,8 +29,8 @@ run_suite() {
 for run in ${DRAVINHOLD_TEST_BUILDS:-normal address thread fuzz}; do
   case $run in
     normal) run_suite build ;;
-    address) run_suite build-asan -DDRAVINHOLD_SANITIZE=address ;;
-    thread) run_suite build-tsan -DDRAVINHOLD_SANITIZE=thread ;;
+    address) run_suite build-asan -DDRAVINHOLD_SANITIZE=address -DDRAVINHOLD_BUILD_BENCHMARKS=OFF ;;
+    thread) run_suite build-tsan -DDRAVINHOLD_SANITIZE=thread -DDRAVINHOLD_BUILD_BENCHMARKS=OFF ;;
     fuzz) fuzz/run_fuzz.sh ;;
     *) echo "unknown run: $run" >&2; exit 2 ;;
   esac
