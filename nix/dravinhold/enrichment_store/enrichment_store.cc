@@ -3,6 +3,14 @@
 #include "nix/dravinhold/enrichment_store/enrichment_store_ex.h"
 
 namespace persistence {
+
+template class KVStore<std::string, proto::EnrichmentStore::Value, proto::EnrichmentStore::Data>;
+template class KVStore<std::string, proto::EnrichmentLruStore::Value,
+                       proto::EnrichmentLruStore::Data>;
+template class PersistentLruStore<std::string, proto::EnrichmentStore::Value,
+                                  proto::EnrichmentStore::Data, proto::EnrichmentLruStore::Value,
+                                  proto::EnrichmentLruStore::Data>;
+
 namespace {
 
 using Value = proto::EnrichmentStore::Value;

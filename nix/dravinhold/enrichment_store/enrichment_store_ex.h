@@ -11,6 +11,15 @@
 
 namespace persistence {
 
+// The stores' code is compiled once, with the enrichment store's source.
+extern template class KVStore<std::string, proto::EnrichmentStore::Value,
+                              proto::EnrichmentStore::Data>;
+extern template class KVStore<std::string, proto::EnrichmentLruStore::Value,
+                              proto::EnrichmentLruStore::Data>;
+extern template class PersistentLruStore<
+    std::string, proto::EnrichmentStore::Value, proto::EnrichmentStore::Data,
+    proto::EnrichmentLruStore::Value, proto::EnrichmentLruStore::Data>;
+
 class DRAVINHOLD_EXPORT EnrichmentStoreEx
     : public PersistentLruStore<std::string, proto::EnrichmentStore::Value,
                                 proto::EnrichmentStore::Data, proto::EnrichmentLruStore::Value,

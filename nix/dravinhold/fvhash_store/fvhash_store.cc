@@ -5,6 +5,9 @@
 #include "nix/dravinhold/fvhash_store/fvhash_store_def.h"
 
 namespace persistence {
+
+template class KVStore<std::string, proto::FVhashStore::Value, proto::FVhashStore::Data>;
+
 namespace {
 
 using Value = proto::FVhashStore::Value;

@@ -32,4 +32,8 @@ class DRAVINHOLD_EXPORT FVhashStore : public KVStore<std::string, proto::FVhashS
 
   bool instance_flag_ = false;
 };
+
+// The typed store's code is compiled once, with the store's source.
+extern template class KVStore<std::string, proto::FVhashStore::Value, proto::FVhashStore::Data>;
+
 }  // namespace persistence

@@ -4,6 +4,11 @@
 #include "nix/dravinhold/policy_family.h"
 
 namespace persistence {
+
+template class KVStore<proto::GeneralSettingsPolicyStore::Key,
+                       proto::GeneralSettingsPolicyStore::Value,
+                       proto::GeneralSettingsPolicyStore::Data>;
+
 namespace {
 
 using Key = proto::GeneralSettingsPolicyStore::Key;

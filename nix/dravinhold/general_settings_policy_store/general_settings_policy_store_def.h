@@ -32,4 +32,10 @@ class DRAVINHOLD_EXPORT GeneralSettingsPolicyStore : public KVStore<proto::Gener
 
   bool instance_flag_ = false;
 };
+
+// The typed store's code is compiled once, with the store's source.
+extern template class KVStore<proto::GeneralSettingsPolicyStore::Key,
+                              proto::GeneralSettingsPolicyStore::Value,
+                              proto::GeneralSettingsPolicyStore::Data>;
+
 }  // namespace persistence

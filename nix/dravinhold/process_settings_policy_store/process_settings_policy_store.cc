@@ -7,6 +7,11 @@
 #include "zerla_common/normalize_string.h"
 
 namespace persistence {
+
+template class KVStore<proto::ProcessSettingsPolicyStore::Key,
+                       proto::ProcessSettingsPolicyStore::Value,
+                       proto::ProcessSettingsPolicyStore::Data>;
+
 namespace {
 
 using Key = proto::ProcessSettingsPolicyStore::Key;

@@ -32,4 +32,10 @@ class DRAVINHOLD_EXPORT ProcessSettingsPolicyStore : public KVStore<proto::Proce
 
   bool instance_flag_ = false;
 };
+
+// The typed store's code is compiled once, with the store's source.
+extern template class KVStore<proto::ProcessSettingsPolicyStore::Key,
+                              proto::ProcessSettingsPolicyStore::Value,
+                              proto::ProcessSettingsPolicyStore::Data>;
+
 }  // namespace persistence

@@ -6,6 +6,10 @@
 #include "persistence/clock.h"
 
 namespace persistence {
+
+template class KVStore<std::string, proto::TrustedSignersCacheStore::Value,
+                       proto::TrustedSignersCacheStore::Data>;
+
 namespace {
 
 using Value = proto::TrustedSignersCacheStore::Value;

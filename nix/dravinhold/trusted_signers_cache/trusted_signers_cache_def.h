@@ -34,4 +34,9 @@ class DRAVINHOLD_EXPORT TrustedSignersCacheStore : public KVStore<std::string, p
 
   bool instance_flag_ = false;
 };
+
+// The typed store's code is compiled once, with the store's source.
+extern template class KVStore<std::string, proto::TrustedSignersCacheStore::Value,
+                              proto::TrustedSignersCacheStore::Data>;
+
 }  // namespace persistence

@@ -5,6 +5,10 @@
 #include "nix/dravinhold/trusted_signers_store/trusted_signers_store_def.h"
 
 namespace persistence {
+
+template class KVStore<std::string, proto::TrustedSignersStore::Value,
+                       proto::TrustedSignersStore::Data>;
+
 namespace {
 
 using Value = proto::TrustedSignersStore::Value;

@@ -32,4 +32,9 @@ class DRAVINHOLD_EXPORT TrustedSignersStore : public KVStore<std::string, proto:
 
   bool instance_flag_ = false;
 };
+
+// The typed store's code is compiled once, with the store's source.
+extern template class KVStore<std::string, proto::TrustedSignersStore::Value,
+                              proto::TrustedSignersStore::Data>;
+
 }  // namespace persistence
