@@ -1,16 +1,20 @@
 #!/bin/sh
 # Installs the build into a fresh prefix, then builds and runs the consumer
 # program against it twice: through find_package(dravinhold), and through
-# pkg-config. Usage: run_consumer_test.sh BUILD_DIR SOURCE_DIR
+# pkg-config. Usage: run_consumer_test.sh BUILD_DIR SOURCE_DIR [FLAGS]
+# FLAGS go to the compiler and linker of both builds (a sanitizer's, when the
+# library is instrumented).
 set -eu
 build_dir=$1
 source_dir=$2
+flags=${3:-}
 work=$(mktemp -d "${TMPDIR:-/tmp}/dravinhold-consumer-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
 cmake --install "$build_dir" --prefix "$work/prefix" > "$work/install.log"
 
-cmake -S "$source_dir" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix" > "$work/configure.log"
+cmake -S "$source_dir" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix" \
+  -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" > "$work/configure.log"
 cmake --build "$work/build" > "$work/build.log"
 
 mkdir "$work/root" "$work/root-pc"
@@ -19,7 +23,7 @@ ZERLA_DATA_ROOT="$work/root" "$work/build/consumer"
 
 echo "== pkg-config dravinhold"
 PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig" \
-  c++ -std=c++17 -Wall -Wextra -Werror -o "$work/consumer-pc" "$source_dir/consumer.cc" \
+  c++ -std=c++17 -Wall -Wextra -Werror $flags -o "$work/consumer-pc" "$source_dir/consumer.cc" \
   $(PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig" pkg-config --cflags --libs dravinhold) \
   -Wl,-rpath,"$work/prefix/lib"
 ZERLA_DATA_ROOT="$work/root-pc" "$work/consumer-pc"

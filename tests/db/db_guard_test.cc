@@ -13,6 +13,7 @@
 #include "persistence/db.h"
 #include "support/damage.h"
 #include "support/fault_env.h"
+#include "support/leak_check_pause.h"
 #include "support/stderr_capture.h"
 #include "support/temp_dir.h"
 
@@ -60,6 +61,7 @@ class ThrowingEnv : public testing_support::FaultEnv {
 
 class DBGuard : public testing::Test {
  protected:
+  testing_support::LeakCheckPause leak_check_pause_;
   TempDir dir_;
   std::string path_ = dir_.Sub("db");
   ThrowingEnv env_;

@@ -34,7 +34,12 @@ void Logger::Create(const std::string& name, const std::string& /*tag*/) {
     logger.setLevel(LevelFromEnvironment());
   }
   logger.duplicate();  // the handle's own reference, so that Destroy can't pull it away
+  if (logger_ != nullptr) logger_->release();
   logger_ = &logger;
+}
+
+Logger::~Logger() {
+  if (logger_ != nullptr) logger_->release();
 }
 
 void Logger::Destroy(const std::string& name) { Poco::Logger::destroy(name); }

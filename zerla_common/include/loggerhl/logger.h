@@ -14,6 +14,12 @@ namespace loggerhl {
 // enabled flag, which is set before Create is called.
 class Logger {
  public:
+  Logger() = default;
+  Logger(const Logger&) = delete;
+  Logger& operator=(const Logger&) = delete;
+  // Gives back the handle's reference on its logger.
+  ~Logger();
+
   // Binds this handle to Poco::Logger::get(name). A logger that has no channel
   // yet gets the default channel (one line per message on standard error) and
   // the level of $ZERLA_LOG_LEVEL, a POCO priority number or name, else 6
