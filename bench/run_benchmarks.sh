@@ -10,7 +10,7 @@
 # Usage: bench/run_benchmarks.sh [--small] [more Google Benchmark flags]
 #   --small            small data sizes: a quick try of the whole suite
 #   BUILD_DIR          build directory (default build-bench)
-#   REPETITIONS        repetitions of each benchmark (default 9); the table
+#   REPETITIONS        repetitions of each benchmark (default 5); the table
 #                      uses their medians
 set -eu
 cd "$(dirname "$0")/.."
@@ -21,7 +21,7 @@ if [ "${1:-}" = "--small" ]; then
   shift
 fi
 build_dir="${BUILD_DIR:-build-bench}"
-repetitions="${REPETITIONS:-9}"
+repetitions="${REPETITIONS:-5}"
 results=bench/results
 mkdir -p "$results"
 
