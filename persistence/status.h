@@ -5,7 +5,6 @@
 #include <string>
 #include <utility>
 
-
 namespace persistence {
 
 // A code and, for a failure, the engine's whole text for it. The numbers of
