@@ -8,6 +8,7 @@
 
 #include "dravinhold/enrichment_store/enrichment_lru_store.pb.h"
 #include "fuzz/fuzz_input.h"
+#include "fuzz/fuzz_support.h"
 #include "nix/dravinhold/enrichment_store/enrichment_store.h"
 #include "nix/dravinhold/fvhash_store/fvhash_store.h"
 #include "nix/dravinhold/general_settings_policy_store/general_settings_policy_store.h"
@@ -44,22 +45,6 @@ bool ValidModule(int32_t id) {
 
 const char kEmptyKey[] = "Invalid argument: key: empty";
 const char kEmptyPutKey[] = "Invalid argument: put_key: empty";
-
-std::string Hex(const std::string& bytes) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (const unsigned char c : bytes) {
-    out += kDigits[c >> 4];
-    out += kDigits[c & 15];
-  }
-  return out;
-}
-
-std::string Describe(const Status& status) {
-  std::ostringstream out;
-  out << "code " << status.code << " message \"" << status.message << "\"";
-  return out.str();
-}
 
 // Whether a message survives the store's proof of an encoding: written,
 // then read back.

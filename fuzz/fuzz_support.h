@@ -8,9 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <vector>
+
+#include "persistence/status.h"
 
 namespace fuzzing {
 
@@ -50,6 +53,24 @@ inline void AbortOnFailures(const std::vector<std::string>& failures) {
   for (const std::string& failure : failures) std::printf("BROKEN: %s\n", failure.c_str());
   std::fflush(stdout);
   std::abort();
+}
+
+// "bytes" in lower-case hex, for reports of arbitrary keys.
+inline std::string Hex(const std::string& bytes) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string out;
+  for (const unsigned char c : bytes) {
+    out += kDigits[c >> 4];
+    out += kDigits[c & 15];
+  }
+  return out;
+}
+
+// A status as reports show it: its code and its message.
+inline std::string Describe(const persistence::Status& status) {
+  std::ostringstream out;
+  out << "code " << status.code << " message \"" << status.message << "\"";
+  return out.str();
 }
 
 }  // namespace fuzzing

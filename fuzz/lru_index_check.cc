@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "fuzz/fuzz_input.h"
+#include "fuzz/fuzz_support.h"
 #include "persistence/persistent_lru_store.h"
 #include "persistence/status.h"
 
@@ -37,22 +38,6 @@ class IndexedLruStore
 
 std::string g_root;
 IndexedLruStore* g_store = nullptr;
-
-std::string Hex(const std::string& bytes) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (const unsigned char c : bytes) {
-    out += kDigits[c >> 4];
-    out += kDigits[c & 15];
-  }
-  return out;
-}
-
-std::string Describe(const Status& status) {
-  std::ostringstream out;
-  out << "code " << status.code << " message \"" << status.message << "\"";
-  return out.str();
-}
 
 }  // namespace
 

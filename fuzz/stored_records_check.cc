@@ -19,6 +19,7 @@
 #include "dravinhold/trusted_signers_cache/trusted_signers_cache.pb.h"
 #include "dravinhold/trusted_signers_store/trusted_signers_store.pb.h"
 #include "fuzz/fuzz_input.h"
+#include "fuzz/fuzz_support.h"
 #include "persistence/db.h"
 #include "persistence/kvstore.h"
 #include "persistence/status.h"
@@ -68,16 +69,6 @@ struct Params {
 
 uint64_t PageCount(uint8_t byte) { return byte == 255 ? ~uint64_t{0} : byte; }
 
-std::string Hex(const std::string& bytes) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (const unsigned char c : bytes) {
-    out += kDigits[c >> 4];
-    out += kDigits[c & 15];
-  }
-  return out;
-}
-
 class Failures {
  public:
   explicit Failures(std::string context) : context_(std::move(context)) {}
@@ -88,12 +79,6 @@ class Failures {
   std::string context_;
   std::vector<std::string> lines_;
 };
-
-std::string Describe(const Status& status) {
-  std::ostringstream out;
-  out << "code " << status.code << " message \"" << status.message << "\"";
-  return out.str();
-}
 
 template <typename KeyT, typename ValueT>
 struct Record {
