@@ -4,10 +4,19 @@
 #include <leveldb/env.h>
 #include <leveldb/iterator.h>
 
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <exception>
 #include <limits>
 
+#include "persistence/log_salvage.h"
 #include "persistence/report.h"
 
 namespace persistence {
@@ -80,7 +89,10 @@ DB::DB(const std::string& path) : path_(path) {}
 
 // The engine must go before its cache and filter policy, which it uses until
 // its background work has stopped.
-DB::~DB() { db_.reset(); }
+DB::~DB() {
+  ReleaseAllSnapshots();
+  db_.reset();
+}
 
 uint64_t DB::MaxCount() { return std::numeric_limits<uint64_t>::max(); }
 
@@ -118,6 +130,29 @@ leveldb::Status DB::CheckOpenAndNotCorrupted() const {
   return status;
 }
 
+leveldb::Status DB::CheckReadable(const leveldb::Snapshot* snapshot) const {
+  leveldb::Status status = CheckOpenAndNotCorrupted();
+  if (status.ok()) status = CheckSnapshot(snapshot);
+  return status;
+}
+
+leveldb::Status DB::CheckSnapshot(const leveldb::Snapshot* snapshot) const {
+  if (snapshot == nullptr) return leveldb::Status::OK();
+  std::lock_guard<std::mutex> lock(snapshots_mutex_);
+  if (snapshots_.count(snapshot) != 0) return leveldb::Status::OK();
+  return leveldb::Status::InvalidArgument("snapshot", "stale");
+}
+
+// A snapshot outliving its engine would point into freed memory, and the
+// engine asserts that what it is given back is its own.
+void DB::ReleaseAllSnapshots() {
+  std::lock_guard<std::mutex> lock(snapshots_mutex_);
+  if (db_) {
+    for (const leveldb::Snapshot* snapshot : snapshots_) db_->ReleaseSnapshot(snapshot);
+  }
+  snapshots_.clear();
+}
+
 namespace {
 
 leveldb::Status CheckKey(const std::string& key, const char* role) {
@@ -132,18 +167,77 @@ void DB::FlagCorruption(const leveldb::Status& status) {
   if (status.IsCorruption() && paranoid_checks_) corrupted_ = true;
 }
 
-leveldb::Status DB::FailureTail(const leveldb::Status& status, const char* operation) {
+leveldb::Status DB::FailureTail(const leveldb::Status& engine_status, const char* operation) {
+  const leveldb::Status status = AsDamage(engine_status);
   FlagCorruption(status);
   REPORT_STDERR(path_, operation, status);
   (void)CHECK_STDERR(status.ok(), "status.cond()");
   return status;
 }
 
-leveldb::Status DB::ReadFailureTail(const leveldb::Status& status, const char* operation) {
+leveldb::Status DB::ReadFailureTail(const leveldb::Status& engine_status, const char* operation) {
+  const leveldb::Status status = AsDamage(engine_status);
   FlagCorruption(status);
   REPORT_STDERR(path_, operation, status);
   (void)CHECK_STDERR(status.ok() || status.IsNotFound(), "status.cond1() || status.cond2()");
   return status;
+}
+
+// --- What counts as damage -------------------------------------------------
+
+namespace {
+
+bool EndsWith(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+bool IsTableName(const std::string& name) {
+  return EndsWith(name, ".ldb") || EndsWith(name, ".sst");
+}
+
+}  // namespace
+
+// The engine names a file of the database that is malformed or of the wrong
+// kind as an I/O error of the system call that met it: a read past the end of
+// a cut table (EINVAL from the mapping), a directory where a file should be
+// (ENODEV, EISDIR), a table that the MANIFEST names and that is gone
+// (ENOENT, which it calls NotFound). These say the database is damaged, as
+// Corruption does. Errors of the environment (EIO, ENOSPC, EACCES, EMFILE,
+// ENOTDIR for a store path taken by a regular file) pass unchanged: they
+// destroy nothing, and the store waits for them to go.
+leveldb::Status DB::AsDamage(const leveldb::Status& status) const {
+  if (!status.IsIOError() && !status.IsNotFound()) return status;
+  const std::string text = status.ToString();
+  const std::string prefix = (status.IsIOError() ? "IO error: " : "NotFound: ") + path_ + "/";
+  if (text.compare(0, prefix.size(), prefix) != 0) return status;
+  const size_t colon = text.find(": ", prefix.size());
+  if (colon == std::string::npos) return status;
+  const std::string name = text.substr(prefix.size(), colon - prefix.size());
+  const std::string reason = text.substr(colon + 2);
+  if (name.empty() || name.find('/') != std::string::npos) return status;
+  const bool damaged =
+      status.IsIOError()
+          ? reason == strerror(EINVAL) || reason == strerror(ENODEV) || reason == strerror(EISDIR)
+          : IsTableName(name) && reason == strerror(ENOENT);
+  if (!damaged) return status;
+  return leveldb::Status::Corruption(path_ + "/" + name, reason);
+}
+
+// Without CURRENT the engine takes the directory for a new database: it
+// replays the live log into it and deletes every table as obsolete, silently.
+// A directory that holds a MANIFEST or tables but no CURRENT is a damaged
+// database, not a missing one.
+leveldb::Status DB::CheckCurrentFile(leveldb::Env* env) const {
+  const std::string current = path_ + "/CURRENT";
+  if (env->FileExists(current)) return leveldb::Status::OK();
+  std::vector<std::string> children;
+  if (!env->GetChildren(path_, &children).ok()) return leveldb::Status::OK();
+  for (const std::string& name : children) {
+    if (name.compare(0, 9, "MANIFEST-") == 0 || IsTableName(name)) {
+      return leveldb::Status::Corruption(current, "missing from a database that has files");
+    }
+  }
+  return leveldb::Status::OK();
 }
 
 // --- Open, close, single keys ---------------------------------------------
@@ -159,7 +253,12 @@ leveldb::Status DB::Open(bool paranoid_checks, bool create_if_missing, bool use_
 
   leveldb::Options options = OptionsForEnv();
   options.create_if_missing = create_if_missing;
-  options.paranoid_checks = paranoid_checks;
+  // The engine checks block checksums in its compactions only with paranoid
+  // checks on; without them a damaged block that still decodes reaches the
+  // table builder, whose assertions end the process. So the engine always
+  // runs paranoid, and "paranoid_checks" chooses only what the handle does
+  // with a Corruption (the flag above).
+  options.paranoid_checks = true;
   leveldb::Status status;
   try {
     if (use_bloom_filter) {
@@ -170,6 +269,8 @@ leveldb::Status DB::Open(bool paranoid_checks, bool create_if_missing, bool use_
       cache_.reset(leveldb::NewLRUCache(cache_size_mb << 20));
       options.block_cache = cache_.get();
     }
+    status = CheckCurrentFile(options.env);
+    if (!status.ok()) return status;
     leveldb::DB* db = nullptr;
     status = leveldb::DB::Open(options, path_, &db);
     db_.reset(db);
@@ -180,11 +281,12 @@ leveldb::Status DB::Open(bool paranoid_checks, bool create_if_missing, bool use_
     return leveldb::Status::IOError(failure.what(), "");
   }
   if (!status.ok()) db_.reset();
-  return status;
+  return AsDamage(status);
 }
 
 leveldb::Status DB::Close() {
   if (!db_) return leveldb::Status::InvalidArgument("db_", "nullptr");
+  ReleaseAllSnapshots();
   db_.reset();
   cache_.reset();
   filter_policy_.reset();
@@ -216,10 +318,10 @@ leveldb::Status DB::Get(const std::string& key, std::string* value,
   if (!status.ok()) return status;
   if (value == nullptr) return leveldb::Status::InvalidArgument("value", "nullptr");
   value->clear();
-  status = CheckOpenAndNotCorrupted();
+  status = CheckReadable(snapshot);
   if (!status.ok()) return status;
   status = db_->Get(MakeReadOptions(false, true, snapshot), key, value);
-  if (status.ok() || status.IsNotFound()) return status;
+  if (status.ok() || (status.IsNotFound() && AsDamage(status).IsNotFound())) return status;
   return ReadFailureTail(status, "Get");
 }
 
@@ -306,7 +408,7 @@ leveldb::Status DB::Get(const std::vector<std::string>& keys, std::vector<std::s
                         const leveldb::Snapshot* snapshot) {
   if (values == nullptr) return leveldb::Status::InvalidArgument("values", "nullptr");
   values->clear();
-  leveldb::Status status = CheckOpenAndNotCorrupted();
+  leveldb::Status status = CheckReadable(snapshot);
   if (!status.ok()) return status;
   {
     ScopedSnapshot read_snapshot(db_.get(), snapshot);
@@ -385,7 +487,7 @@ leveldb::Status DB::DumpImpl(const std::string& key_start, const std::string& ke
   if (keys == nullptr) return leveldb::Status::InvalidArgument("keys", "nullptr");
   keys->clear();
   ClearIfGiven(values);
-  leveldb::Status status = CheckOpenAndNotCorrupted();
+  leveldb::Status status = CheckReadable(snapshot);
   if (!status.ok()) return status;
   status = WalkRange(key_start, key_limit, snapshot, [&](leveldb::Iterator& it) {
     keys->push_back(it.key().ToString());
@@ -399,7 +501,7 @@ leveldb::Status DB::CountImpl(const std::string& key_start, const std::string& k
   ReportEmptyBounds(key_start, key_limit);
   if (count == nullptr) return leveldb::Status::InvalidArgument("count", "nullptr");
   *count = 0;
-  leveldb::Status status = CheckOpenAndNotCorrupted();
+  leveldb::Status status = CheckReadable(snapshot);
   if (!status.ok()) return status;
   status = WalkRange(key_start, key_limit, snapshot, [count](leveldb::Iterator&) { ++*count; });
   return status.ok() ? status : FailureTail(status, "Count");
@@ -424,7 +526,7 @@ leveldb::Status DB::ReadImpl(ReadDirection direction, uint64_t start, uint64_t c
   if (keys == nullptr) return leveldb::Status::InvalidArgument("keys", "nullptr");
   keys->clear();
   ClearIfGiven(values);
-  leveldb::Status status = CheckOpenAndNotCorrupted();
+  leveldb::Status status = CheckReadable(snapshot);
   if (!status.ok()) return status;
   {
     ScopedSnapshot read_snapshot(db_.get(), snapshot);
@@ -457,7 +559,7 @@ leveldb::Status DB::ReverseIterate(IterateCallback callback, const leveldb::Snap
 
 leveldb::Status DB::IterateImpl(ReadDirection direction, IterateCallback callback,
                                 const leveldb::Snapshot* snapshot) {
-  leveldb::Status status = CheckOpenAndNotCorrupted();
+  leveldb::Status status = CheckReadable(snapshot);
   if (!status.ok()) return status;
   {
     // Both end on every way out, also when the callback throws.
@@ -486,7 +588,7 @@ leveldb::Status DB::IterateImpl(ReadDirection direction, IterateCallback callbac
 leveldb::Status DB::Empty(bool* is_empty, const leveldb::Snapshot* snapshot) {
   if (is_empty == nullptr) return leveldb::Status::InvalidArgument("is_empty", "nullptr");
   *is_empty = true;
-  leveldb::Status status = CheckOpenAndNotCorrupted();
+  leveldb::Status status = CheckReadable(snapshot);
   if (!status.ok()) return status;
   {
     std::unique_ptr<leveldb::Iterator> it(db_->NewIterator(MakeReadOptions(false, true, snapshot)));
@@ -503,16 +605,130 @@ leveldb::Status DB::CreateSnapshot(const leveldb::Snapshot** snapshot) {
   leveldb::Status status = CheckOpenAndNotCorrupted();
   if (!status.ok()) return status;
   *snapshot = db_->GetSnapshot();
-  if (*snapshot != nullptr) return leveldb::Status::OK();
+  if (*snapshot != nullptr) {
+    std::lock_guard<std::mutex> lock(snapshots_mutex_);
+    snapshots_.insert(*snapshot);
+    return leveldb::Status::OK();
+  }
   return FailureTail(leveldb::Status::NotSupported("snapshot", "nullptr"), "CreateSnapshot");
 }
 
 leveldb::Status DB::ReleaseSnapshot(const leveldb::Snapshot* snapshot) {
   if (snapshot == nullptr) return leveldb::Status::InvalidArgument("snapshot", "nullptr");
-  const leveldb::Status status = CheckOpenAndNotCorrupted();
+  leveldb::Status status = CheckOpen();
   if (!status.ok()) return status;
+  std::lock_guard<std::mutex> lock(snapshots_mutex_);
+  if (snapshots_.count(snapshot) == 0) return leveldb::Status::InvalidArgument("snapshot", "stale");
+  // A corrupted handle keeps it, and gives it back when it closes.
+  status = CheckNotCorrupted();
+  if (!status.ok()) return status;
+  snapshots_.erase(snapshot);
   db_->ReleaseSnapshot(snapshot);
   return leveldb::Status::OK();
+}
+
+// --- Work that may end the process it runs in ------------------------------
+
+namespace {
+
+// Writes all of "text" to "fd", going on after interruptions.
+void WriteAll(int fd, const std::string& text) {
+  size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t n = ::write(fd, text.data() + written, text.size() - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    written += static_cast<size_t>(n);
+  }
+}
+
+std::string ReadAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof(buffer));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return text;
+    text.append(buffer, static_cast<size_t>(n));
+  }
+}
+
+// The status whose ToString() is "text": the child's result, as it printed it.
+bool StatusFromText(const std::string& text, leveldb::Status* status) {
+  struct Kind {
+    const char* prefix;
+    leveldb::Status (*make)(const leveldb::Slice&, const leveldb::Slice&);
+  };
+  static const Kind kKinds[] = {
+      {"NotFound: ", &leveldb::Status::NotFound},
+      {"Corruption: ", &leveldb::Status::Corruption},
+      {"Not implemented: ", &leveldb::Status::NotSupported},
+      {"Invalid argument: ", &leveldb::Status::InvalidArgument},
+      {"IO error: ", &leveldb::Status::IOError},
+  };
+  if (text == "OK") {
+    *status = leveldb::Status::OK();
+    return true;
+  }
+  for (const Kind& kind : kKinds) {
+    const size_t length = strlen(kind.prefix);
+    if (text.compare(0, length, kind.prefix) == 0) {
+      *status = kind.make(text.substr(length), leveldb::Slice());
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+// The engine asserts on damaged input where it trusts what it reads, and an
+// assertion ends the whole process. Work of that kind runs in a child: its
+// death is a failed call, and the caller goes on. The child only runs "work"
+// and leaves through _exit, so none of the parent's exit handlers run twice.
+leveldb::Status DB::RunInChildProcess(const std::string& path,
+                                      const std::function<leveldb::Status()>& work) {
+  int fds[2];
+  if (::pipe2(fds, O_CLOEXEC) != 0) {
+    return leveldb::Status::IOError(path, std::string("pipe: ") + strerror(errno));
+  }
+  const pid_t pid = ::fork();
+  if (pid < 0) {
+    const int error = errno;
+    ::close(fds[0]);
+    ::close(fds[1]);
+    return leveldb::Status::IOError(path, std::string("fork: ") + strerror(error));
+  }
+  if (pid == 0) {
+    ::close(fds[0]);
+    leveldb::Status status;
+    try {
+      status = work();
+    } catch (const std::exception& failure) {
+      status = leveldb::Status::IOError(failure.what(), "");
+    } catch (...) {
+      status = leveldb::Status::IOError("unknown exception", "");
+    }
+    WriteAll(fds[1], status.ToString());
+    ::_exit(0);
+  }
+  ::close(fds[1]);
+  const std::string text = ReadAll(fds[0]);
+  ::close(fds[0]);
+  int wait_status = 0;
+  pid_t waited;
+  do {
+    waited = ::waitpid(pid, &wait_status, 0);
+  } while (waited < 0 && errno == EINTR);
+  if (waited == pid && WIFSIGNALED(wait_status)) {
+    return leveldb::Status::Corruption(
+        path, "repair ended by signal " + std::to_string(WTERMSIG(wait_status)));
+  }
+  leveldb::Status status;
+  // A host that ignores SIGCHLD has its children reaped for it; the result on
+  // the pipe then says all there is.
+  if (StatusFromText(text, &status)) return status;
+  return leveldb::Status::Corruption(path, "repair ended without a result");
 }
 
 // --- Repair and upkeep ----------------------------------------------------
@@ -521,6 +737,7 @@ leveldb::Status DB::Destroy() {
   if (!CHECK_STDERR(!path_.empty(), "!path_.empty()")) {
     return leveldb::Status::InvalidArgument("path_", "empty");
   }
+  ReleaseAllSnapshots();
   db_.reset();
   filter_policy_.reset();
   // Default options, not those of the last Open: the directory is going away.
@@ -539,6 +756,7 @@ leveldb::Status DB::Verify() {
     }
     return it->status();
   });
+  status = AsDamage(status);
   if (status.ok()) {
     corrupted_ = false;
     return status;
@@ -557,8 +775,18 @@ leveldb::Status DB::Verify() {
 
 leveldb::Status DB::Repair() {
   if (!CHECK_STDERR(!db_, "!db_")) return leveldb::Status::InvalidArgument("db_", "!nullptr");
-  const leveldb::Status status =
-      Guarded([this] { return leveldb::RepairDB(path_, OptionsForEnv()); });
+  leveldb::Options options = OptionsForEnv();
+  // With paranoid checks the repair reads tables with block checksums
+  // verified: a damaged block is left out of the repaired table instead of
+  // feeding its keys to the table builder.
+  options.paranoid_checks = true;
+  const leveldb::Status status = RunInChildProcess(path_, [this, &options] {
+    // The repair replays logs without checksums: it is given logs that hold
+    // only verified records.
+    leveldb::Status salvaged = SalvageLogs(options.env, path_);
+    if (!salvaged.ok()) return salvaged;
+    return leveldb::RepairDB(path_, options);
+  });
   return status.ok() ? status : FailureTail(status, "Repair");
 }
 

@@ -26,6 +26,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -64,7 +66,8 @@ class DRAVINHOLD_EXPORT DB {
   // "use_bloom_filter" is true; a block cache of "cache_size_mb" MiB only when
   // it is not 0, else the engine's default cache. Requires a non-empty path
   // and a closed handle. A failed open prints nothing and leaves the handle
-  // closed.
+  // closed. A directory that holds a database's files but no CURRENT is
+  // Corruption, not a new database.
   leveldb::Status Open(bool paranoid_checks, bool create_if_missing, bool use_bloom_filter,
                        uint64_t cache_size_mb);
 
@@ -138,6 +141,12 @@ class DRAVINHOLD_EXPORT DB {
 
   // A snapshot belongs to its caller until ReleaseSnapshot. A snapshot
   // released on a corrupted handle is not given back to the engine.
+  //
+  // Snapshots live no longer than the engine that made them: Close, Destroy
+  // and the destructor give back every snapshot still held. A snapshot that
+  // this handle's engine did not make, or already took back, is stale: every
+  // operation given one returns "Invalid argument: snapshot: stale" and
+  // touches nothing.
   leveldb::Status CreateSnapshot(const leveldb::Snapshot** snapshot);
   leveldb::Status ReleaseSnapshot(const leveldb::Snapshot* snapshot);
 
@@ -151,10 +160,16 @@ class DRAVINHOLD_EXPORT DB {
   leveldb::Status Verify();
 
   // Repairs the database directory. Requires a closed handle and leaves it
-  // closed.
+  // closed. The engine's repair reads damaged files with its assertions
+  // armed, so it runs in a child process: a repair that dies there returns
+  // "Corruption: <path>: repair ended by signal <n>" and leaves the caller
+  // running. It verifies block checksums, so that damaged blocks are dropped
+  // rather than copied into the repaired tables.
   leveldb::Status Repair();
 
-  // Compacts the whole key range.
+  // Compacts the whole key range. The engine verifies the checksum of every
+  // block it rewrites, on every handle: a damaged block fails the compaction
+  // (and the writes after it) instead of reaching the table builder.
   leveldb::Status Compact();
 
   // The engine's "leveldb.stats" and "leveldb.sstables" texts; either pointer
@@ -204,12 +219,21 @@ class DRAVINHOLD_EXPORT DB {
   leveldb::Status CheckOpen() const;
   leveldb::Status CheckNotCorrupted() const;
   leveldb::Status CheckOpenAndNotCorrupted() const;
+  // CheckOpenAndNotCorrupted, then CheckSnapshot: the preconditions of a read.
+  leveldb::Status CheckReadable(const leveldb::Snapshot* snapshot) const;
 
   // The end of an operation whose engine call failed: flags a Corruption
   // when paranoid, reports the failure, returns "status" unchanged.
-  leveldb::Status FailureTail(const leveldb::Status& status, const char* operation);
+  leveldb::Status FailureTail(const leveldb::Status& engine_status, const char* operation);
   // The same for reads, where NotFound is an ordinary result.
-  leveldb::Status ReadFailureTail(const leveldb::Status& status, const char* operation);
+  leveldb::Status ReadFailureTail(const leveldb::Status& engine_status, const char* operation);
+
+  // "status", or Corruption with the same text when the engine's I/O error
+  // says that a file of this database is malformed or of the wrong kind.
+  leveldb::Status AsDamage(const leveldb::Status& status) const;
+  // Corruption when CURRENT is missing from a directory that holds a
+  // database's files, which the engine would take for a new database.
+  leveldb::Status CheckCurrentFile(leveldb::Env* env) const;
   void FlagCorruption(const leveldb::Status& status);
 
   // Walks a key range, calling "visit" with each entry; the shared body of
@@ -220,12 +244,28 @@ class DRAVINHOLD_EXPORT DB {
 
   leveldb::Options OptionsForEnv() const;
 
+  // Runs "work" in a child process and returns its status; a child that dies
+  // returns Corruption naming "path" and the signal.
+  static leveldb::Status RunInChildProcess(const std::string& path,
+                                           const std::function<leveldb::Status()>& work);
+
+  // Ok for null (the current state) and for a snapshot this engine made and
+  // has not taken back; "Invalid argument: snapshot: stale" otherwise.
+  leveldb::Status CheckSnapshot(const leveldb::Snapshot* snapshot) const;
+  // Gives every snapshot still held back to the engine before it ends.
+  void ReleaseAllSnapshots();
+
   std::string path_;
   std::unique_ptr<leveldb::DB> db_;
   std::unique_ptr<leveldb::Cache> cache_;
   std::unique_ptr<const leveldb::FilterPolicy> filter_policy_;
   bool paranoid_checks_ = true;
   bool corrupted_ = false;
+  // The callers' snapshots of the current engine. Guarded by its own mutex:
+  // snapshots are made and given back concurrently under the store's shared
+  // lock.
+  mutable std::mutex snapshots_mutex_;
+  std::set<const leveldb::Snapshot*> snapshots_;
 };
 
 }  // namespace persistence

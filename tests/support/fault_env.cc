@@ -1,5 +1,6 @@
 #include "support/fault_env.h"
 
+#include <csignal>
 #include <memory>
 
 #include "persistence/db.h"
@@ -58,6 +59,9 @@ bool FaultEnv::Affects(const std::string& name) const {
 }
 
 leveldb::Status FaultEnv::NewWritableFile(const std::string& name, leveldb::WritableFile** result) {
+  if (kill_on_new_table && name.size() > 4 && name.compare(name.size() - 4, 4, ".ldb") == 0) {
+    raise(SIGKILL);
+  }
   if (Affects(name) && fail_writes) {
     *result = nullptr;
     return leveldb::Status::IOError(name, "injected write failure");

@@ -21,6 +21,9 @@ class FaultEnv : public leveldb::EnvWrapper {
   std::atomic<bool> fail_table_reads{false};
   // Reads of table files report Corruption.
   std::atomic<bool> corrupt_table_reads{false};
+  // The process that creates a table file kills itself with SIGKILL, as an
+  // engine assertion would end it: for work that runs in a child process.
+  std::atomic<bool> kill_on_new_table{false};
   // Only files whose name contains this text are affected; "" means all.
   std::string only_files;
 
