@@ -33,10 +33,12 @@
 #include <functional>
 #include <list>
 #include <mutex>
+#include <set>
 #include <shared_mutex>
 #include <string>
 #include <system_error>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -187,7 +189,7 @@ class DRAVINHOLD_EXPORT PersistentLruStore : public KVStore<KeyT, ValueT, DataT>
 
  public:
   // Sets *index to the highest index of the LRU database, 0 when it is
-  // empty or its last key is not a number.
+  // empty or its last key is not a number. A null "index" is code 2.
   Status GetCurrentLruIndex(uint64_t* index);
 
   // The LRU database key of "index": exactly 20 bytes.
@@ -216,9 +218,12 @@ class DRAVINHOLD_EXPORT PersistentLruStore : public KVStore<KeyT, ValueT, DataT>
   Status DeleteOldEntriesBySize(uint64_t bytes, uint64_t& deleted);
   Status DeleteOldByAvgEntries(uint64_t count);
 
-  // Validity: brings an emptied side back in line with the other. False
-  // when it could not.
+  // Validity: brings an emptied or partly lost side back in line with the
+  // other. False when it could not.
   bool CheckValidity();
+  // Counts the entries of the main store that no row names at their index,
+  // leaving out those whose note is still pending.
+  Status CountEntriesWithoutRow(uint64_t* without_row);
   // Writes a row for every entry of the main store from its stored index,
   // into an empty LRU database.
   Status RebuildLru();
@@ -345,6 +350,9 @@ uint64_t PersistentLruStore<KeyT, ValueT, DataT, LruValueT, LruDataT>::ParseLruI
 template <typename KeyT, typename ValueT, typename DataT, typename LruValueT, typename LruDataT>
 Status PersistentLruStore<KeyT, ValueT, DataT, LruValueT, LruDataT>::GetCurrentLruIndex(
     uint64_t* index) {
+  if (!CHECK_LOGGED(EnrichmentLogger, index, "Invalid out parameter, index is NULL")) {
+    return Status(leveldb::Status::InvalidArgument("index", "nullptr"));
+  }
   *index = 0;
   // Without a snapshot the reads below see the live database, which will do.
   SnapshotHandle snapshot = nullptr;
@@ -922,7 +930,23 @@ bool PersistentLruStore<KeyT, ValueT, DataT, LruValueT, LruDataT>::CheckValidity
              status.message);
     return false;
   }
-  if (store_empty == lru_empty) return true;
+  if (store_empty && lru_empty) return true;
+  if (!store_empty && !lru_empty) {
+    // A side database that was repaired, or lost a table or its log's tail,
+    // keeps only some rows; entries without one would never be pruned. It is
+    // emptied and rebuilt whole.
+    uint64_t without_row = 0;
+    if (!CountEntriesWithoutRow(&without_row).ok() || without_row == 0) return true;
+    LOG_LINE(EnrichmentLogger, Poco::Message::PRIO_WARNING,
+             "%?d entries have no row in '%s'. Rebuilding it.", without_row, lru_store_.path());
+    const Status cleared = lru_store_.Clear(false);
+    if (!cleared.ok()) {
+      LOG_LINE(EnrichmentLogger, Poco::Message::PRIO_ERROR,
+               "Failed clearing LRU DB '%s', error=%d, message=%s", lru_store_.path(), cleared.code,
+               cleared.message);
+      return false;
+    }
+  }
   // The two failure lines show the emptiness check's status, which succeeded:
   // the cause is in the line the failed operation logged itself.
   if (store_empty) {
@@ -937,6 +961,40 @@ bool PersistentLruStore<KeyT, ValueT, DataT, LruValueT, LruDataT>::CheckValidity
            "Failed rebuilding LRU DB '%s', error=%d, message=%s", lru_store_.path(), status.code,
            status.message);
   return false;
+}
+
+template <typename KeyT, typename ValueT, typename DataT, typename LruValueT, typename LruDataT>
+Status PersistentLruStore<KeyT, ValueT, DataT, LruValueT, LruDataT>::CountEntriesWithoutRow(
+    uint64_t* without_row) {
+  *without_row = 0;
+  // Two walks, one lock at a time: the stores' locks are never nested here.
+  std::vector<std::pair<KeyT, uint64_t>> entries;
+  Status status = Base::Iterate(
+      [&entries](const KeyT& key, const ValueT& value) {
+        entries.emplace_back(key, value.lru_data().index());
+        return true;
+      },
+      nullptr);
+  if (!status.ok()) return status;
+  std::unordered_map<std::string, KeyT> rows;
+  status = lru_store_.Iterate(
+      [&rows](const std::string& index, const LruValueT& row) {
+        rows.emplace(index, row.foreign_key());
+        return true;
+      },
+      nullptr);
+  if (!status.ok()) return status;
+  std::set<KeyT> pending;
+  {
+    std::lock_guard<std::mutex> lock(lru_updates_mutex_);
+    for (const LruUpdateParams& note : lru_updates_) pending.insert(note.key);
+  }
+  for (const auto& [key, index] : entries) {
+    if (pending.count(key) != 0) continue;
+    const auto row = rows.find(LruKey(index));
+    if (row == rows.end() || row->second != key) ++*without_row;
+  }
+  return Status();
 }
 
 template <typename KeyT, typename ValueT, typename DataT, typename LruValueT, typename LruDataT>

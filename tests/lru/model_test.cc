@@ -150,6 +150,17 @@ TEST_F(LruTest, OpenContinuesAboveTheHighestRowWhateverTheValuesSay) {
   EXPECT_THAT(store.notes(), ElementsAre(Note{"c", 0, 13}, Note{"a", 50, 14}));
 }
 
+TEST_F(LruTest, CurrentIndexIntoNullIsCode2WithTheCheckLine) {
+  TestLruStore store;
+  ASSERT_EQ(store.Open(path_, 0), Ok());
+  log_.clear();
+  EXPECT_EQ(store.GetCurrentLruIndex(nullptr), St(2, "Invalid argument: index: nullptr"));
+  EXPECT_EQ(Lines(log_),
+            (std::vector<Line>{{kError, CheckHeader("CHECK_LOGGED(EnrichmentLogger, index,",
+                                                    "index") +
+                                            "Invalid out parameter, index is NULL"}}));
+}
+
 TEST_F(LruTest, LastKeyWithANonDigitRestartsTheNumberingAtZero) {
   const std::string damaged = std::string(17, ' ') + "1x2";
   ASSERT_GT(damaged, LruKey(12));  // it is the last key

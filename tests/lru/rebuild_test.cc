@@ -29,13 +29,56 @@ TEST_F(LruTest, BothEmptyIsValidAndWritesNothing) {
   EXPECT_EQ(store.current_index(), 0u);
 }
 
-TEST_F(LruTest, BothWithRecordsIsValidAsItStands) {
-  WriteRaw(path_, {{"a", Wire(Stamped(kWallStart, 3))}});
-  WriteRaw(lru_path_, {{LruKey(9), RowWire("elsewhere")}});
+TEST_F(LruTest, BothWithEveryEntryRowedIsValidAsItStands) {
+  WriteRaw(path_, {{"a", Wire(Stamped(kWallStart, 3))}, {"b", Wire(Stamped(kWallStart, 4))}});
+  // A row whose entry is gone is left for pruning.
+  WriteRaw(lru_path_,
+           {{LruKey(3), RowWire("a")}, {LruKey(4), RowWire("b")}, {LruKey(9), RowWire("gone")}});
   TestLruStore store;
   ASSERT_EQ(store.Open(path_, 0), Ok());
   EXPECT_TRUE(store.CheckValidity());
-  EXPECT_EQ(Rows(store), (RowMap{{9, "elsewhere"}}));  // the test doesn't walk
+  EXPECT_EQ(Rows(store), (RowMap{{3, "a"}, {4, "b"}, {9, "gone"}}));
+  EXPECT_THAT(Lines(log_), IsEmpty());
+}
+
+// A side database that lost part of its rows (a repaired table, a cut log)
+// is emptied and rebuilt whole: an entry without a row is never pruned.
+TEST_F(LruTest, EntriesWithoutTheirRowBesideOthersAreRebuiltWhole) {
+  WriteRaw(path_, {{"a", Wire(Stamped(kWallStart - 100, 3))},
+                   {"b", Wire(Stamped(kWallStart - 50, 4))},
+                   {"c", Wire(Stamped(kWallStart - 10, 5))}});
+  WriteRaw(lru_path_, {{LruKey(3), RowWire("a")}, {LruKey(5), RowWire("elsewhere")}});
+  TestLruStore store;
+  ASSERT_EQ(store.Open(path_, 0), Ok());
+  log_.clear();
+  EXPECT_TRUE(store.CheckValidity());
+  EXPECT_EQ(Rows(store), (RowMap{{1003, "a"}, {1004, "b"}, {1005, "c"}}));
+  EXPECT_EQ(LruData(store), (LruMap{{"a", {kWallStart - 100, 1003}},
+                                    {"b", {kWallStart - 50, 1004}},
+                                    {"c", {kWallStart - 10, 1005}}}));
+  EXPECT_EQ(store.current_index(), 1005u);
+  const std::string miss = "Failed to get entry from LRU, error=3, message=NotFound: ";
+  EXPECT_EQ(Lines(log_),
+            (std::vector<Line>{{kWarning, "2 entries have no row in '" + lru_path_ +
+                                              "'. Rebuilding it."},
+                               {kInfo, "Rebuilding '" + lru_path_ + "'..."},
+                               {kTrace, miss},
+                               {kTrace, miss},
+                               {kTrace, miss},
+                               {kInfo, "Successfully completed rebuilding '" + lru_path_ + "'."}}));
+}
+
+TEST_F(LruTest, AnEntryWhoseNoteIsPendingIsNotMissingItsRow) {
+  WriteRaw(path_, {{"a", Wire(Stamped(kWallStart - 100, 3))}});
+  WriteRaw(lru_path_, {{LruKey(3), RowWire("a")}});
+  TestLruStore store;
+  ASSERT_EQ(store.Open(path_, 0), Ok());
+  Value value = Record(1);
+  ASSERT_EQ(store.Put("new", value), Ok());
+  ASSERT_THAT(store.notes(), ElementsAre(Note{"new", 0, 4}));
+  log_.clear();
+  EXPECT_TRUE(store.CheckValidity());
+  EXPECT_EQ(Rows(store), (RowMap{{3, "a"}}));
   EXPECT_THAT(Lines(log_), IsEmpty());
 }
 
