@@ -183,18 +183,11 @@ std::vector<Expected> PolicyStoreFailures(const std::string& store, const std::s
            Site(store, "int " + family + "_clear(", "Failed to clear policy, err=%d, msg=%s")}};
 }
 
-// What a policy family writes for its loaded check on an empty store, then
-// on one with a policy, and then for its get of a module it does not hold.
-std::vector<Expected> PolicyReadLines(const std::string& family, int not_found_priority,
-                                      const std::string& not_found_text,
-                                      const std::string& not_found_format) {
-  const std::string store = family + "_store";
-  const FamilySite loaded =
-      Site(store, "bool " + family + "_loaded(", "Policy DB status: is_empty: %b");
-  return {{kDebug, "Policy DB status: is_empty: 1", loaded},
-          {kDebug, "Policy DB status: is_empty: 0", loaded},
-          {not_found_priority, not_found_text,
-           Site(store, "int " + family + "_get(", not_found_format)}};
+// What a policy family's loaded check writes about a store that is empty
+// or not.
+Expected PolicyLoadedLine(const std::string& family, bool is_empty) {
+  return {kDebug, std::string("Policy DB status: is_empty: ") + (is_empty ? "1" : "0"),
+          Site(family + "_store", "bool " + family + "_loaded(", "Policy DB status: is_empty: %b")};
 }
 
 TEST_F(FamilyLogSitesTest, GeneralPolicyFailureLinesNameTheirFunctions) {
@@ -219,19 +212,6 @@ TEST_F(FamilyLogSitesTest, GeneralPolicyFailureLinesNameTheirFunctions) {
                       Site(store, "int general_settings_policy_get(",
                            "Failed to get GeneralSettingsPolicy for module %?d, err=%d, msg=%s")});
   ExpectFamilyLines(2, expected);
-}
-
-TEST_F(FamilyLogSitesTest, GeneralPolicyDebugLinesNameTheirFunctions) {
-  std::chrono::steady_clock::time_point checked_at{};
-  EXPECT_FALSE(persistence::general_settings_policy_loaded(&checked_at));
-  ASSERT_EQ(persistence::general_settings_policy_set(5, "policy"), 0);
-  EXPECT_TRUE(persistence::general_settings_policy_loaded(&checked_at));
-  std::string policy;
-  EXPECT_EQ(persistence::general_settings_policy_get(7, &policy), -61);
-
-  ExpectFamilyLines(0, PolicyReadLines("general_settings_policy", kDebug,
-                                       "GeneralSettingsPolicy for module 7 not found",
-                                       "GeneralSettingsPolicy for module %?d not found"));
 }
 
 TEST_F(FamilyLogSitesTest, ProcessPolicyFailureLinesNameTheirFunctions) {
@@ -262,23 +242,30 @@ TEST_F(FamilyLogSitesTest, ProcessPolicyFailureLinesNameTheirFunctions) {
   ExpectFamilyLines(2, expected);
 }
 
-TEST_F(FamilyLogSitesTest, ProcessPolicyDebugAndTraceLinesNameTheirFunctions) {
+// The two policy stores are apart: each family answers for its own.
+TEST_F(FamilyLogSitesTest, PolicyDebugAndTraceLinesNameTheirFunctions) {
   std::chrono::steady_clock::time_point checked_at{};
-  EXPECT_FALSE(persistence::process_settings_policy_loaded(&checked_at));
+  EXPECT_FALSE(persistence::general_settings_policy_loaded(&checked_at));
   ASSERT_EQ(persistence::process_settings_policy_set("Proc", 5, "policy"), 0);
   EXPECT_TRUE(persistence::process_settings_policy_loaded(&checked_at));
   std::string policy;
+  EXPECT_EQ(persistence::general_settings_policy_get(5, &policy), -61);
   EXPECT_EQ(persistence::process_settings_policy_get("Proc", 7, &policy), -61);
-  // A walk over a whole read passes its size check silently.
-  int calls = 0;
-  EXPECT_EQ(persistence::process_settings_policy_for_each(
-                [&calls](const std::string&, int, const std::string&) { ++calls; }),
-            0);
-  EXPECT_EQ(calls, 1);
+  ASSERT_EQ(persistence::general_settings_policy_set(7, "policy"), 0);
+  EXPECT_TRUE(persistence::general_settings_policy_loaded(&checked_at));
+  ASSERT_EQ(persistence::process_settings_policy_clear(), 0);
+  EXPECT_FALSE(persistence::process_settings_policy_loaded(&checked_at));
 
-  ExpectFamilyLines(0, PolicyReadLines("process_settings_policy", kTrace,
-                                       "Policy for process Proc and module 7 not found",
-                                       "Policy for process %s and module %?d not found"));
+  ExpectFamilyLines(0, {PolicyLoadedLine("general_settings_policy", true),
+                        PolicyLoadedLine("process_settings_policy", false),
+                        {kDebug, "GeneralSettingsPolicy for module 5 not found",
+                         Site("general_settings_policy_store", "int general_settings_policy_get(",
+                              "GeneralSettingsPolicy for module %?d not found")},
+                        {kTrace, "Policy for process Proc and module 7 not found",
+                         Site("process_settings_policy_store", "int process_settings_policy_get(",
+                              "Policy for process %s and module %?d not found")},
+                        PolicyLoadedLine("general_settings_policy", false),
+                        PolicyLoadedLine("process_settings_policy", true)});
 }
 
 // The walk reads keys and values in one pass of the engine, so no store,
