@@ -1,11 +1,12 @@
 // Every line that the five plain families write names its own site: the
 // family's source file, a line of it that holds the report, and the full
-// signature of the exported function that wrote it. (The cache's failed
-// renewal is checked with its own test, which provokes it.) The check in a store's
+// signature of the exported function that wrote it. The check in a store's
 // Open() names line 9 of the store's *_def header, and the size check of
 // the process policy walk line 104 of its source. Failures come from real
-// directories that cannot be opened, from the failing LevelDB environment,
-// and from calls that find nothing.
+// directories that cannot be opened and from calls that find nothing. The
+// cache's failed renewal, which needs the failing LevelDB environment, and
+// the enrichment family's lines are checked by the tests that provoke them
+// (trusted_signers_cache_test.cc, tests/enrichment/family_test.cc).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -91,6 +92,7 @@ TEST_F(FamilyLogSitesTest, FVhashFamilyLinesNameTheirFunctions) {
   EXPECT_FALSE(persistence::FVhashStore_Check("abc"));
   bool verdict = true;
   EXPECT_EQ(persistence::FVhashStore_GetVerdict("abc", &verdict), 5);
+  EXPECT_TRUE(verdict);
   EXPECT_EQ(persistence::FVhashStore_Clear(), -5);
   EXPECT_TRUE(persistence::FVhashStore_Empty());
 
