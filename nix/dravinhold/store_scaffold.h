@@ -3,7 +3,8 @@
 //
 // A wrapper tests its parameters before it touches the store, so a call with
 // a bad parameter never opens a database: it returns code 2 with its message
-// and logs nothing.
+// and logs nothing. Nothing here logs a failure from below: the family
+// function that gets the status writes the line, so that the line names it.
 #pragma once
 
 #include <Poco/Format.h>
@@ -145,18 +146,6 @@ Status StoreGet(const std::vector<KeyT>& keys, std::vector<typename StoreT::Valu
   if (keys.empty()) return Status(Status::kInvalidArgument, "Received empty keys vector");
   if (values == nullptr) return Status(Status::kInvalidArgument, "Received nullptr values");
   return StoreT::Instance().Get(keys, values, nullptr);
-}
-
-// Whether the store is empty, where a store that can't be read reads as
-// empty: the failure goes to the log with "failure_format" (code, message).
-template <typename StoreT>
-bool StoreEmptyOrUnreadable(const char* failure_format) {
-  bool is_empty = true;
-  const Status status = StoreEmpty<StoreT>(&is_empty);
-  if (status.ok()) return is_empty;
-  LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR, failure_format, status.code,
-           status.message);
-  return true;
 }
 
 }  // namespace persistence

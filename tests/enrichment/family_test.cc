@@ -1,8 +1,10 @@
 // The exported enrichment family over its singleton: the silent functions,
-// the entry functions with their log lines, and the store under them.
+// the entry functions with their log lines and the sites those lines name,
+// and the store under them.
 #include <thread>
 
 #include "enrichment_test_env.h"
+#include "stores/family_log_sites.h"
 #include "support/damage.h"
 
 namespace enrichment_test {
@@ -13,6 +15,24 @@ using ::testing::IsEmpty;
 
 const char kNotFound[] = "NotFound: ";
 const std::string kKey = HashKey(1);
+constexpr char kSource[] = "nix/dravinhold/enrichment_store/enrichment_store.cc";
+
+// The lines logged on the test's thread, with all they carry.
+std::vector<testing_support::LoggedLine> CallerLoggedLines(const testing_support::LogCapture& log) {
+  std::vector<testing_support::LoggedLine> result;
+  for (const testing_support::LoggedLine& line : log.lines()) {
+    if (line.ndc.empty()) result.push_back(line);
+  }
+  return result;
+}
+
+// "line" is the one that the entry function "function" (its name and "(")
+// writes with "format", and it names that function's site.
+::testing::AssertionResult WrittenBy(const testing_support::LoggedLine& line,
+                                     const std::string& function, const std::string& format) {
+  return family_sites::WrittenAt(line, "Enrichment", "EnrichmentLogger", line.priority, line.text,
+                                 {kSource, "persistence::Status persistence::" + function, format});
+}
 
 TEST_F(EnrichmentTest, FirstUseOpensBothDatabasesUnderTheDataRootAndStartsTheThreads) {
   Value value;
@@ -35,6 +55,10 @@ TEST_F(EnrichmentTest, GetEntryOfAnAbsentKeyIsCode3WithADebugLine) {
       CallerLines(log_),
       (std::vector<Line>{{kTrace, "Failed to get entry, error=3, message=NotFound: "},
                          {kDebug, "enrichment entry for file hash '" + kKey + "' not found"}}));
+  const std::vector<testing_support::LoggedLine> lines = CallerLoggedLines(log_);
+  EXPECT_NE(lines[0].file, kSource);
+  EXPECT_TRUE(WrittenBy(lines[1], "EnrichmentStore_GetEntry(",
+                        "enrichment entry for file hash '%s' not found"));
 }
 
 TEST_F(EnrichmentTest, GetOfAnAbsentKeyIsCode3AndTheFamilyLogsNothing) {
@@ -200,6 +224,19 @@ TEST_F(EnrichmentTest, EntryFunctionsLogTheFailuresTheyReturn) {
            "Failed to delete enrichment entry for file hash '" + kKey + "', error=5, messsage="},
           {kError, "Failed to clear store, error=5, message="},
           {kError, "Failed to clear enrichment store, error=5, messsage="}}));
+  // Each line of the family names the entry function that wrote it; the
+  // others are the store's own.
+  const std::vector<testing_support::LoggedLine> lines = CallerLoggedLines(log_);
+  EXPECT_TRUE(WrittenBy(lines[2], "EnrichmentStore_PutEntry(",
+                        "Failed to put enrichment for file hash '%s', error=%d, messsage=%s"));
+  EXPECT_TRUE(WrittenBy(lines[4], "EnrichmentStore_GetEntry(",
+                        "Failed to get enrichment for file hash '%s', error=%d, messsage=%s"));
+  EXPECT_TRUE(
+      WrittenBy(lines[6], "EnrichmentStore_DeleteEntry(",
+                "Failed to delete enrichment entry for file hash '%s', error=%d, messsage=%s"));
+  EXPECT_TRUE(WrittenBy(lines[8], "EnrichmentStore_ClearEntries(",
+                        "Failed to clear enrichment store, error=%d, messsage=%s"));
+  for (const size_t i : {0u, 1u, 3u, 5u, 7u}) EXPECT_NE(lines[i].file, kSource) << lines[i].text;
   // The silent functions return the same and add nothing of their own.
   log_.clear();
   EXPECT_EQ(persistence::EnrichmentStore_Clear(), St(5, ""));

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "nix/dravinhold/trusted_signers_cache/trusted_signers_cache.h"
+#include "stores/family_log_sites.h"
 #include "stores/store_test_env.h"
 #include "support/stderr_capture.h"
 
@@ -316,6 +317,19 @@ TEST_F(TrustedSignersCacheTest, FailedRenewalReturnsFalseButHandsTheCerthashOut)
             (std::vector<Line>{
                 {kError, "Failed to update trusted_signers_cache entry, err=5, msg=" + engine_text},
                 {kError, "Failed to put trusted_signers_cache entry, err=5, msg=" + engine_text}}));
+  // Each line names the function that wrote it.
+  const std::string source = "nix/dravinhold/trusted_signers_cache/trusted_signers_cache.cc";
+  const std::vector<testing_support::LoggedLine> lines = log_.lines();
+  EXPECT_TRUE(family_sites::WrittenAt(
+      lines[0], "LibPersistence", "LibPersistenceLogger", kError,
+      "Failed to update trusted_signers_cache entry, err=5, msg=" + engine_text,
+      {source, "bool persistence::trusted_signers_cache_get_trusted_signer(",
+       "Failed to update trusted_signers_cache entry, err=%d, msg=%s"}));
+  EXPECT_TRUE(family_sites::WrittenAt(
+      lines[1], "LibPersistence", "LibPersistenceLogger", kError,
+      "Failed to put trusted_signers_cache entry, err=5, msg=" + engine_text,
+      {source, "bool persistence::trusted_signers_cache_set_trusted_signers(",
+       "Failed to put trusted_signers_cache entry, err=%d, msg=%s"}));
   ExpectEntry("key", "cert", kStart, 1);
 }
 

@@ -60,9 +60,15 @@ int FVhashStore_Clear() {
   return -EIO;
 }
 
+// A store that can't be read reads as empty.
 bool FVhashStore_Empty() {
-  return StoreEmptyOrUnreadable<FVhashStore>(
-      "Failed to check if fvhash blacklist is empty, err=%d, msg=%s");
+  bool is_empty = true;
+  const Status status = FVhashStore_Empty(&is_empty);
+  if (status.ok()) return is_empty;
+  LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
+           "Failed to check if fvhash blacklist is empty, err=%d, msg=%s", status.code,
+           status.message);
+  return true;
 }
 
 Status FVhashStore_Empty(bool* is_empty) { return StoreEmpty<FVhashStore>(is_empty); }

@@ -1,5 +1,8 @@
 #include "nix/dravinhold/general_settings_policy_store/general_settings_policy_store.h"
 
+#include <cerrno>
+#include <mutex>
+
 #include "nix/dravinhold/general_settings_policy_store/general_settings_policy_store_def.h"
 #include "nix/dravinhold/policy_family.h"
 
@@ -19,8 +22,19 @@ std::mutex policy_loaded_mutex;
 
 }  // namespace
 
+// A store that can't be read answers false: a failure reads as not loaded.
 bool general_settings_policy_loaded(std::chrono::steady_clock::time_point* checked_at) {
-  return PolicyLoaded<GeneralSettingsPolicyStore>(policy_loaded_mutex, checked_at);
+  std::lock_guard<std::mutex> lock(policy_loaded_mutex);
+  bool is_empty = false;
+  const Status status = CheckPolicyEmpty<GeneralSettingsPolicyStore>(&is_empty, checked_at);
+  if (!status.ok()) {
+    LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
+             "Failed to check if policy is empty, err=%d, msg=%s", status.code, status.message);
+    return false;
+  }
+  LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_DEBUG, "Policy DB status: is_empty: %b",
+           is_empty);
+  return !is_empty;
 }
 
 int general_settings_policy_set(int32_t module_id, const std::string& policy) {
@@ -29,7 +43,11 @@ int general_settings_policy_set(int32_t module_id, const std::string& policy) {
   key.set_module_id(module_id);
   Value value;
   value.set_policy(policy);
-  return PutPolicy<GeneralSettingsPolicyStore>(key, value);
+  const Status status = GeneralSettingsPolicyStore::Instance().Put(key, value, false);
+  if (status.ok()) return 0;
+  LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR, "Failed to set policy, err=%d, msg=%s",
+           status.code, status.message);
+  return -EIO;
 }
 
 int general_settings_policy_get(int32_t module_id, std::string* policy) {
@@ -56,10 +74,23 @@ int general_settings_policy_get(int32_t module_id, std::string* policy) {
 int general_settings_policy_set_bulk(
     const std::vector<proto::GeneralSettingsPolicyStore::Key>& keys,
     const std::vector<proto::GeneralSettingsPolicyStore::Value>& values) {
-  return SetBulkPolicy<GeneralSettingsPolicyStore>(keys, values);
+  const Status status =
+      GeneralSettingsPolicyStore::Instance().AtomicClearAndPut(keys, values, true);
+  if (!status.ok()) {
+    LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
+             "Failed to clear-and-set bulk policy, error=%d, messsage=%s", status.code,
+             status.message);
+  }
+  return status.code;
 }
 
-int general_settings_policy_clear() { return ClearPolicy<GeneralSettingsPolicyStore>(); }
+int general_settings_policy_clear() {
+  const Status status = GeneralSettingsPolicyStore::Instance().Clear(true);
+  if (status.ok()) return 0;
+  LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
+           "Failed to clear policy, err=%d, msg=%s", status.code, status.message);
+  return -EIO;
+}
 
 Status GeneralSettingsPolicyStore_Empty(bool* is_empty) {
   return StoreEmpty<GeneralSettingsPolicyStore>(is_empty);

@@ -1,6 +1,8 @@
 #include "nix/dravinhold/process_settings_policy_store/process_settings_policy_store.h"
 
+#include <cerrno>
 #include <limits>
+#include <mutex>
 
 #include "nix/dravinhold/policy_family.h"
 #include "nix/dravinhold/process_settings_policy_store/process_settings_policy_store_def.h"
@@ -31,8 +33,19 @@ Key MakeKey(const std::string& process_name, int32_t module_id) {
 
 }  // namespace
 
+// A store that can't be read answers false: a failure reads as not loaded.
 bool process_settings_policy_loaded(std::chrono::steady_clock::time_point* checked_at) {
-  return PolicyLoaded<ProcessSettingsPolicyStore>(policy_loaded_mutex, checked_at);
+  std::lock_guard<std::mutex> lock(policy_loaded_mutex);
+  bool is_empty = false;
+  const Status status = CheckPolicyEmpty<ProcessSettingsPolicyStore>(&is_empty, checked_at);
+  if (!status.ok()) {
+    LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
+             "Failed to check if policy is empty, err=%d, msg=%s", status.code, status.message);
+    return false;
+  }
+  LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_DEBUG, "Policy DB status: is_empty: %b",
+           is_empty);
+  return !is_empty;
 }
 
 int process_settings_policy_set(const std::string& process_name, int32_t module_id,
@@ -41,7 +54,12 @@ int process_settings_policy_set(const std::string& process_name, int32_t module_
   if (policy.empty()) return -EINVAL;
   Value value;
   value.set_policy(policy);
-  return PutPolicy<ProcessSettingsPolicyStore>(MakeKey(process_name, module_id), value);
+  const Status status =
+      ProcessSettingsPolicyStore::Instance().Put(MakeKey(process_name, module_id), value, false);
+  if (status.ok()) return 0;
+  LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR, "Failed to set policy, err=%d, msg=%s",
+           status.code, status.message);
+  return -EIO;
 }
 
 int process_settings_policy_get(const std::string& process_name, int32_t module_id,
@@ -64,13 +82,54 @@ int process_settings_policy_get(const std::string& process_name, int32_t module_
   return 0;
 }
 
+// Walks every policy in key order. Log lines name the size check below as
+// line 104 of this file: a line added or removed above it moves the check,
+// and its reports with it.
+int process_settings_policy_for_each(
+    std::function<void(const std::string&, int, const std::string&)> function) {
+  // The whole store is read into memory first, so that no lock is held while
+  // "function" runs and it may call back into this family. At most INT32_MAX
+  // entries are read.
+  std::vector<Key> keys;
+  std::vector<Value> values;
+  const Status status = ProcessSettingsPolicyStore_ReadInterval(
+      0, std::numeric_limits<int32_t>::max(), &keys, &values);
+  if (!status.ok()) {
+    LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
+             "Failed to get policy for all processes, err=%d, msg=%s", status.code, status.message);
+    return -EIO;
+  }
+  // A mismatch is reported, and the walk still goes on over the pairs that
+  // are complete.
+  CHECK_LOGGED(LibPersistenceLogger, keys.size() == values.size(),
+               "Failed to get policy for all processes, mismatch in size of keys("
+                   << keys.size() << ") and values(" << values.size() << ")");
+  for (size_t i = 0; i < keys.size() && i < values.size(); ++i) {
+    function(keys[i].process_name(), keys[i].module_id(), values[i].policy());
+  }
+  return 0;
+}
+
 int process_settings_policy_set_bulk(
     const std::vector<proto::ProcessSettingsPolicyStore::Key>& keys,
     const std::vector<proto::ProcessSettingsPolicyStore::Value>& values) {
-  return SetBulkPolicy<ProcessSettingsPolicyStore>(keys, values);
+  const Status status =
+      ProcessSettingsPolicyStore::Instance().AtomicClearAndPut(keys, values, true);
+  if (!status.ok()) {
+    LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
+             "Failed to clear-and-set bulk policy, error=%d, messsage=%s", status.code,
+             status.message);
+  }
+  return status.code;
 }
 
-int process_settings_policy_clear() { return ClearPolicy<ProcessSettingsPolicyStore>(); }
+int process_settings_policy_clear() {
+  const Status status = ProcessSettingsPolicyStore::Instance().Clear(true);
+  if (status.ok()) return 0;
+  LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
+           "Failed to clear policy, err=%d, msg=%s", status.code, status.message);
+  return -EIO;
+}
 
 Status ProcessSettingsPolicyStore_Empty(bool* is_empty) {
   return StoreEmpty<ProcessSettingsPolicyStore>(is_empty);
@@ -89,30 +148,6 @@ Status ProcessSettingsPolicyStore_Get(
     const std::vector<proto::ProcessSettingsPolicyStore::Key>& keys,
     std::vector<proto::ProcessSettingsPolicyStore::Value>* values) {
   return StoreGet<ProcessSettingsPolicyStore>(keys, values);
-}
-
-// Log lines name the size check below as line 104 of this file: functions
-// added above it move it, and the reports with it.
-int process_settings_policy_for_each(
-    std::function<void(const std::string&, int, const std::string&)> function) {
-  // The whole store is read first, so that no lock is held while "function"
-  // runs.
-  std::vector<Key> keys;
-  std::vector<Value> values;
-  const Status status = ProcessSettingsPolicyStore_ReadInterval(
-      0, std::numeric_limits<int32_t>::max(), &keys, &values);
-  if (!status.ok()) {
-    LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
-             "Failed to get policy for all processes, err=%d, msg=%s", status.code, status.message);
-    return -EIO;
-  }
-  CHECK_LOGGED(LibPersistenceLogger, keys.size() == values.size(),
-               "Failed to get policy for all processes, mismatch in size of keys("
-                   << keys.size() << ") and values(" << values.size() << ")");
-  for (size_t i = 0; i < keys.size() && i < values.size(); ++i) {
-    function(keys[i].process_name(), keys[i].module_id(), values[i].policy());
-  }
-  return 0;
 }
 
 Status ProcessSettingsPolicyStore_AtomicClearAndPut(

@@ -52,9 +52,15 @@ int TrustedSignersStore_Clear() {
   return -EIO;
 }
 
+// A store that can't be read reads as empty.
 bool TrustedSignersStore_Empty() {
-  return StoreEmptyOrUnreadable<TrustedSignersStore>(
-      "Failed to check if trusted signers whitelist is empty, err=%d, msg=%s");
+  bool is_empty = true;
+  const Status status = TrustedSignersStore_Empty(&is_empty);
+  if (status.ok()) return is_empty;
+  LOG_LINE(LibPersistenceLogger, Poco::Message::PRIO_ERROR,
+           "Failed to check if trusted signers whitelist is empty, err=%d, msg=%s", status.code,
+           status.message);
+  return true;
 }
 
 Status TrustedSignersStore_Empty(bool* is_empty) {
