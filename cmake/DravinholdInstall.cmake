@@ -32,22 +32,28 @@ function(dravinhold_package_without_rpath target destination component)
     COMPONENT ${component})
 endfunction()
 
+file(MAKE_DIRECTORY "${DRAVINHOLD_PACKAGING_DIR}")
+
+# dravinhold_gzip(<source> <compressed>): compresses at configure time, with
+# maximum compression and no time stamp, as Debian's tools compress
+# documentation.
+function(dravinhold_gzip source compressed)
+  execute_process(
+    COMMAND gzip -9 -n -c "${source}"
+    OUTPUT_FILE "${compressed}"
+    RESULT_VARIABLE gzip_result)
+  if(NOT gzip_result EQUAL 0)
+    message(FATAL_ERROR "gzip could not compress ${source}")
+  endif()
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${source}")
+endfunction()
+
 # dravinhold_package_docs(<component> <package>)
 #
 # Every Debian package carries the copyright file and the Debian changelog in
 # /usr/share/doc/<package>; a prefix install has no use for them.
 set(DRAVINHOLD_DEB_CHANGELOG "${DRAVINHOLD_PACKAGING_DIR}/changelog.Debian.gz")
-file(MAKE_DIRECTORY "${DRAVINHOLD_PACKAGING_DIR}")
-# Maximum compression and no time stamp, as Debian's tools compress it.
-execute_process(
-  COMMAND gzip -9 -n -c "${CMAKE_CURRENT_LIST_DIR}/debian/changelog"
-  OUTPUT_FILE "${DRAVINHOLD_DEB_CHANGELOG}"
-  RESULT_VARIABLE gzip_result)
-if(NOT gzip_result EQUAL 0)
-  message(FATAL_ERROR "gzip could not compress cmake/debian/changelog")
-endif()
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
-  "${CMAKE_CURRENT_LIST_DIR}/debian/changelog")
+dravinhold_gzip("${CMAKE_CURRENT_LIST_DIR}/debian/changelog" "${DRAVINHOLD_DEB_CHANGELOG}")
 function(dravinhold_package_docs component package)
   install(CODE "
     if(DRAVINHOLD_PACKAGING)
@@ -112,9 +118,14 @@ install(CODE "
     DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig\")"
   COMPONENT development)
 
-# The operator's tool.
+# The operator's tool, with its manual page.
 install(TARGETS dravinholdctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 dravinhold_package_without_rpath(dravinholdctl ${CMAKE_INSTALL_BINDIR} tools)
+dravinhold_gzip("${CMAKE_SOURCE_DIR}/tools/dravinholdctl/doc/dravinholdctl.1"
+  "${DRAVINHOLD_PACKAGING_DIR}/dravinholdctl.1.gz")
+install(FILES "${DRAVINHOLD_PACKAGING_DIR}/dravinholdctl.1.gz"
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+  COMPONENT tools)
 
 # The stand-in of the agent's common library, and its headers on their own.
 install(TARGETS zerla_common
