@@ -9,7 +9,7 @@
 # the default is "normal address thread fuzz".
 set -eu
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh
+scripts/install-deps.sh test
 
 jobs=$(nproc)
 export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1"
@@ -28,9 +28,15 @@ run_suite() {
 
 for run in ${DRAVINHOLD_TEST_BUILDS:-normal address thread fuzz}; do
   case $run in
-    normal) run_suite build ;;
-    address) run_suite build-asan -DDRAVINHOLD_SANITIZE=address -DDRAVINHOLD_BUILD_BENCHMARKS=OFF ;;
-    thread) run_suite build-tsan -DDRAVINHOLD_SANITIZE=thread -DDRAVINHOLD_BUILD_BENCHMARKS=OFF ;;
+    normal) run_suite build -DDRAVINHOLD_BUILD_TESTS=ON -DDRAVINHOLD_BUILD_BENCHMARKS=ON ;;
+    address)
+      run_suite build-asan -DDRAVINHOLD_SANITIZE=address -DDRAVINHOLD_BUILD_TESTS=ON \
+        -DDRAVINHOLD_BUILD_BENCHMARKS=OFF
+      ;;
+    thread)
+      run_suite build-tsan -DDRAVINHOLD_SANITIZE=thread -DDRAVINHOLD_BUILD_TESTS=ON \
+        -DDRAVINHOLD_BUILD_BENCHMARKS=OFF
+      ;;
     fuzz) fuzz/run_fuzz.sh ;;
     *) echo "unknown run: $run" >&2; exit 2 ;;
   esac

@@ -22,8 +22,14 @@ echo "== find_package(dravinhold)"
 ZERLA_DATA_ROOT="$work/root" "$work/build/consumer"
 
 echo "== pkg-config dravinhold"
-PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig" \
-  c++ -std=c++17 -Wall -Wextra -Werror $flags -o "$work/consumer-pc" "$source_dir/consumer.cc" \
-  $(PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig" pkg-config --cflags --libs dravinhold) \
-  -Wl,-rpath,"$work/prefix/lib"
+# The libraries lie in the multiarch directory, lib/<triplet>.
+libdir="$work/prefix/lib/$(c++ -print-multiarch)"
+flags_pc=$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs dravinhold)
+echo "$flags_pc"
+case "$flags_pc" in
+  *"-I$work/prefix/include/dravinhold "*"-L$libdir "*) ;;
+  *) echo "pkg-config does not print the prefix's directories as plain paths" >&2; exit 1 ;;
+esac
+c++ -std=c++17 -Wall -Wextra -Werror $flags -o "$work/consumer-pc" "$source_dir/consumer.cc" \
+  $flags_pc -Wl,-rpath,"$libdir"
 ZERLA_DATA_ROOT="$work/root-pc" "$work/consumer-pc"

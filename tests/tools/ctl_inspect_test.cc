@@ -80,13 +80,12 @@ TEST_F(CtlInspectTest, StoresOnAnEmptyRootListsSevenAbsentStoresAndCreatesNothin
   EXPECT_TRUE(Snapshot(Root()).empty());
 }
 
-TEST_F(CtlInspectTest, StoresOnAMissingRootDoesNotCreateIt) {
+TEST_F(CtlInspectTest, StoresOnAMissingRootSaysSoAndDoesNotCreateIt) {
   const std::string root = root_.Sub("not-there");
   const ToolRun run = RunAt(root, {"stores"});
-  EXPECT_EXIT_CODE(run, 0);
-  EXPECT_EQ(run.OutLines().size(), 8u);
-  EXPECT_EQ(run.OutLines()[1],
-            StoresLine("fvhash_store", "no", "no", "-", "-", root + "/fvhash_store"));
+  EXPECT_EXIT_CODE(run, 1);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "dravinholdctl: data root " + root + " does not exist\n");
   EXPECT_FALSE(PathExists(root));
 }
 

@@ -5,6 +5,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -200,6 +201,7 @@ TEST_F(CtlLruTest, MissingDatabaseFailsAndIsNotCreated) {
   EXPECT_EQ(run.err, "dravinholdctl: not present: " + StoreDir("enrichment_store.lru") + "\n");
   EXPECT_FALSE(PathExists(StoreDir("enrichment_store.lru")));
 
+  std::filesystem::create_directory(root_.Sub("empty"));
   const ToolRun neither = RunAt(root_.Sub("empty"), {"lru"});
   EXPECT_EXIT_CODE(neither, 1);
   EXPECT_EQ(neither.err,

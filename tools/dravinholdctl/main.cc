@@ -11,7 +11,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "command.h"
@@ -284,6 +286,19 @@ int main(int argc, char** argv) {
                  count < command->min_positional ? "missing argument" : "too many arguments",
                  command->usage);
     return kUsage;
+  }
+  // Every command looks under the data root; without it each would only say
+  // that its stores are not there, and not why.
+  std::error_code error_code;
+  const std::filesystem::file_status root = std::filesystem::status(context.root, error_code);
+  if (root.type() == std::filesystem::file_type::not_found) {
+    return Fail("data root " + context.root + " does not exist");
+  }
+  if (error_code) {
+    return Fail("data root " + context.root + ": " + error_code.message());
+  }
+  if (!std::filesystem::is_directory(root)) {
+    return Fail("data root " + context.root + " is not a directory");
   }
   return command->run(context, arguments);
 }
