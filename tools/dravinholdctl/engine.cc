@@ -97,6 +97,37 @@ class DroppedLogRecords : public leveldb::Logger {
   std::string first_;
 };
 
+// The file system of a copy. The copy's tables are links to the store's own
+// files, and the engine of the copy makes files of its own numbered on from
+// the copied manifest, numbers a store that has gone on writing may already
+// use: opening such a name for writing would truncate and overwrite the
+// store's table through the link. So every file the copy writes is first
+// unlinked, and a file it appends to is first made a file of its own.
+class CopyEnv : public leveldb::EnvWrapper {
+ public:
+  CopyEnv() : leveldb::EnvWrapper(leveldb::Env::Default()) {}
+
+  leveldb::Status NewWritableFile(const std::string& name, leveldb::WritableFile** file) override {
+    unlink(name.c_str());
+    return target()->NewWritableFile(name, file);
+  }
+
+  leveldb::Status NewAppendableFile(const std::string& name,
+                                    leveldb::WritableFile** file) override {
+    struct stat info;
+    if (stat(name.c_str(), &info) == 0 && info.st_nlink > 1) {
+      const std::string own = name + ".own";
+      std::error_code code;
+      std::filesystem::copy_file(name, own, std::filesystem::copy_options::overwrite_existing,
+                                 code);
+      if (code || rename(own.c_str(), name.c_str()) != 0) {
+        return leveldb::Status::IOError(name, "cannot unshare: " + code.message());
+      }
+    }
+    return target()->NewAppendableFile(name, file);
+  }
+};
+
 // A database opened on a copy of a store, which removes the copy when it is
 // closed and names the store, not the copy, in its failures. Iterators and
 // snapshots must end before it does, as with any leveldb::DB.
@@ -114,6 +145,7 @@ class CopiedDB : public leveldb::DB {
 
   void Adopt(std::unique_ptr<leveldb::DB> db) { db_ = std::move(db); }
   DroppedLogRecords* dropped() { return &dropped_; }
+  leveldb::Env* env() { return &env_; }
 
   // Corruption naming what the open dropped, or ok.
   leveldb::Status OpenDamage() {
@@ -159,6 +191,7 @@ class CopiedDB : public leveldb::DB {
     return dravinholdctl::Renamed(status, copy_, store_);
   }
 
+  CopyEnv env_;                // outlives db_, which works through it
   DroppedLogRecords dropped_;  // outlives db_, which logs into it
   std::unique_ptr<leveldb::DB> db_;
   const std::string copy_;
@@ -392,6 +425,7 @@ std::unique_ptr<leveldb::DB> OpenExisting(const std::string& path, bool paranoid
   options.create_if_missing = false;
   options.paranoid_checks = paranoid_checks;
   options.info_log = guard->dropped();
+  options.env = guard->env();
   // The log is replayed into memory and kept there, as the log of the copy:
   // no table is written from it and no manifest made anew, which is most of
   // what an open costs on a large store. The copy is never written to.
