@@ -120,6 +120,21 @@ TEST_F(CtlCliTest, DumpAndGetHelpTellHowKeysAreWritten) {
       << get.out;
 }
 
+TEST_F(CtlCliTest, TheManualPageTellsEveryCommandAndExitCode) {
+  const std::string manual = testing_support::ReadFile(DRAVINHOLDCTL_MANUAL);
+  ASSERT_EQ(manual.rfind(".TH DRAVINHOLDCTL 1 ", 0), 0u);
+  for (const std::string& command : kCommands) {
+    SCOPED_TRACE(command);
+    const bool told = manual.find("\n.B " + command + "\n") != std::string::npos ||
+                      manual.find("\n.BI \"" + command + " ") != std::string::npos ||
+                      manual.find("\n.BR \"" + command + " ") != std::string::npos;
+    EXPECT_TRUE(told);
+  }
+  for (const char* code : {"\n.B 0\n", "\n.B 1\n", "\n.B 2\n", "\n.B 3\n"}) {
+    EXPECT_NE(manual.find(code), std::string::npos) << code;
+  }
+}
+
 TEST_F(CtlCliTest, VersionPrintsTheToolsVersion) {
   const ToolRun run = RunTool({"--version"});
   EXPECT_EXIT_CODE(run, 0);
