@@ -513,5 +513,38 @@ TEST_F(CtlDamageTest, LruReadsDatabasesThatAreInUse) {
             "\"state\":\"\",\"key\":\"h\"}");
 }
 
+TEST_F(CtlDamageTest, VerifyAndRepairAnswerInJson) {
+  const std::string path = StoreDir("fvhash_store");
+  WriteStore(path, TenVerdicts());
+  const ToolRun verify = Ctl({"verify", "--all", "--json"});
+  EXPECT_EXIT_CODE(verify, 0);
+  const std::vector<std::string> lines = verify.OutLines();
+  ASSERT_EQ(lines.size(), 7u);
+  EXPECT_EQ(
+      lines[0],
+      "{\"store\":\"fvhash_store\",\"state\":\"ok\",\"records\":10,\"error\":\"\",\"file\":\"\"}");
+  EXPECT_EQ(lines[1],
+            "{\"store\":\"trusted_signers_store\",\"state\":\"absent\",\"records\":0,"
+            "\"error\":\"\",\"file\":\"\"}");
+  const ToolRun repair = Ctl({"repair", "fvhash_store", "--json"});
+  EXPECT_EXIT_CODE(repair, 0);
+  const std::regex answer(
+      "\\{\"store\":\"fvhash_store\",\"records_before\":\"10\",\"records_after\":\"10\","
+      "\"lost\":\\[\"000003.log\",\"MANIFEST-000002\"\\],\"backup\":\"" +
+      path + "\\.before-repair-\\d{8}T\\d{6}Z\"\\}\n");
+  EXPECT_TRUE(std::regex_match(repair.out, answer)) << repair.out;
+}
+
+TEST_F(CtlDamageTest, ExportDrawsItsProgressOnATerminal) {
+  WriteStore(StoreDir("trusted_signers_store"), ManySigners(), /*compact=*/true);
+  const ToolRun run = RunTool(
+      {"--root", Root(), "export", "trusted_signers_store", root_.Sub("signers.bin")}, {}, 30,
+      /*terminal=*/true);
+  EXPECT_EXIT_CODE(run, 0);
+  const std::regex drawing("(\\rexport trusted_signers_store \\[[# ]{30}\\] [ 0-9]{3}%)+\\r?\\n");
+  EXPECT_TRUE(std::regex_match(run.err, drawing)) << run.err;
+  EXPECT_NE(run.err.find("] 100%"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace ctl_test

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <filesystem>
@@ -21,6 +22,7 @@ namespace ctl_test {
 namespace {
 
 using testing_support::FilesWithSuffix;
+using testing_support::FileWithPrefix;
 
 using CtlInspectTest = CtlTest;
 
@@ -561,6 +563,79 @@ TEST_F(CtlInspectTest, StatsOfAStoreWithNoTables) {
   const std::vector<std::string> lines = run.OutLines();
   ASSERT_GE(lines.size(), 4u);
   EXPECT_EQ(lines[3], "table files:  0");
+}
+
+// ---- answers as JSON ----
+
+TEST_F(CtlInspectTest, CountStatsAndStoresAnswerInJson) {
+  WriteStore(StoreDir("fvhash_store"), ThreeVerdicts());
+  const ToolRun count = Ctl({"count", "fvhash_store", "--json"});
+  EXPECT_EXIT_CODE(count, 0);
+  EXPECT_EQ(count.out, "{\"store\":\"fvhash_store\",\"records\":3}\n");
+  const ToolRun stats = Ctl({"--json", "stats", "fvhash_store"});
+  EXPECT_EXIT_CODE(stats, 0);
+  const std::string head =
+      "{\"store\":\"fvhash_store\",\"directory\":\"" + StoreDir("fvhash_store") +
+      "\",\"size_bytes\":" + std::to_string(AllocatedBytes(StoreDir("fvhash_store"))) +
+      ",\"table_files\":0,\"leveldb_stats\":\"";
+  EXPECT_EQ(stats.out.rfind(head, 0), 0u) << stats.out;
+  EXPECT_EQ(stats.OutLines().size(), 1u);
+  const ToolRun stores = Ctl({"stores", "--json"});
+  EXPECT_EXIT_CODE(stores, 0);
+  const std::vector<std::string> lines = stores.OutLines();
+  ASSERT_EQ(lines.size(), 7u);
+  EXPECT_EQ(lines[0],
+            "{\"store\":\"fvhash_store\",\"present\":true,\"in_use_by\":0,\"size_bytes\":" +
+                std::to_string(AllocatedBytes(StoreDir("fvhash_store"))) +
+                ",\"records\":3,\"state\":\"ok\",\"error\":\"\",\"directory\":\"" +
+                StoreDir("fvhash_store") + "\"}");
+  EXPECT_EQ(lines[1],
+            "{\"store\":\"trusted_signers_store\",\"present\":false,\"in_use_by\":0,"
+            "\"size_bytes\":0,\"records\":0,\"state\":\"absent\",\"error\":\"\",\"directory\":\"" +
+                StoreDir("trusted_signers_store") + "\"}");
+}
+
+// ---- dumpfile ----
+
+TEST_F(CtlInspectTest, DumpFilePrintsATableALogAndAManifestRaw) {
+  const std::string path = StoreDir("fvhash_store");
+  WriteStore(path, ThreeVerdicts(), /*compact=*/true);
+  WriteEach(path, {{"dd04", FvhashValue(true)}});
+  const auto before = Snapshot(path);
+  const std::string table = path + "/" + FilesWithSuffix(path, ".ldb").at(0);
+  const ToolRun dumped = RunTool({"dumpfile", table});
+  EXPECT_EXIT_CODE(dumped, 0);
+  EXPECT_EQ(dumped.err, "");
+  // One line per entry: key, sequence, kind and value, escaped by the engine.
+  const std::vector<std::string> lines = dumped.OutLines();
+  ASSERT_EQ(lines.size(), 3u) << dumped.out;
+  EXPECT_EQ(lines[0].rfind("'aa01' @ ", 0), 0u) << lines[0];
+  EXPECT_NE(lines[0].find(" : val => '\\x08\\x01'"), std::string::npos) << lines[0];
+  std::vector<std::string> logs = FilesWithSuffix(path, ".log");
+  std::sort(logs.begin(), logs.end());
+  const ToolRun log = RunTool({"dumpfile", path + "/" + logs.back()});
+  EXPECT_EXIT_CODE(log, 0);
+  EXPECT_NE(log.out.find("put 'dd04' '\\x08\\x01'"), std::string::npos) << log.out;
+  const ToolRun manifest = RunTool({"dumpfile", path + "/" + FileWithPrefix(path, "MANIFEST-")});
+  EXPECT_EXIT_CODE(manifest, 0);
+  EXPECT_NE(manifest.out.find("AddFile: "), std::string::npos) << manifest.out;
+  const ToolRun json = RunTool({"dumpfile", table, "--json"});
+  EXPECT_EXIT_CODE(json, 0);
+  EXPECT_EQ(json.out.rfind("{\"file\":\"" + table + "\",\"dump\":\"'aa01' @ ", 0), 0u) << json.out;
+  EXPECT_EQ(Snapshot(path), before);
+}
+
+TEST_F(CtlInspectTest, DumpFileOfAFileThatIsNotThereOrNoDatabaseFile) {
+  const std::string missing = root_.Sub("000009.ldb");
+  const ToolRun run = RunTool({"dumpfile", missing});
+  EXPECT_EXIT_CODE(run, 1);
+  EXPECT_EQ(run.err, "dravinholdctl: cannot read " + missing + ": No such file or directory\n");
+  const std::string other = root_.Sub("notes.txt");
+  testing_support::WriteFile(other, "x");
+  const ToolRun unknown = RunTool({"dumpfile", other});
+  EXPECT_EXIT_CODE(unknown, 1);
+  EXPECT_EQ(unknown.err, "dravinholdctl: cannot dump " + other + ": Invalid argument: " + other +
+                             ": unknown file type\n");
 }
 
 }  // namespace

@@ -526,6 +526,37 @@ leveldb::Status Walk(
   return status.ok() ? OpenDamage(db) : status;
 }
 
+leveldb::Status WalkWithProgress(
+    leveldb::DB* db, const std::string& label,
+    const std::function<bool(const leveldb::Slice&, const leveldb::Slice&)>& visit) {
+  std::string first_key;
+  std::string last_key;
+  {
+    std::unique_ptr<leveldb::Iterator> it(db->NewIterator(leveldb::ReadOptions()));
+    it->SeekToFirst();
+    if (it->Valid()) first_key = it->key().ToString();
+    it->SeekToLast();
+    if (it->Valid()) last_key = it->key().ToString();
+  }
+  uint64_t total = 0;
+  const leveldb::Range whole(first_key, last_key);
+  db->GetApproximateSizes(&whole, 1, &total);
+  ProgressBar progress(label, total);
+  uint64_t records = 0;
+  const leveldb::Status status =
+      Walk(db, "", [&](const leveldb::Slice& key, const leveldb::Slice& value) {
+        if (++records % 1024 == 0) {
+          const leveldb::Range range(first_key, key);
+          uint64_t done = 0;
+          db->GetApproximateSizes(&range, 1, &done);
+          progress.Update(done);
+        }
+        return visit(key, value);
+      });
+  if (status.ok()) progress.Finish();
+  return status;
+}
+
 leveldb::Status OpenDamage(leveldb::DB* db) {
   auto* copied = dynamic_cast<CopiedDB*>(db);
   return copied != nullptr ? copied->OpenDamage() : leveldb::Status::OK();

@@ -74,6 +74,14 @@ leveldb::Status Walk(
     leveldb::DB* db, const std::string& start,
     const std::function<bool(const leveldb::Slice&, const leveldb::Slice&)>& visit);
 
+// Walk over every record from the first, with a progress bar labelled
+// "label" on a terminal, measured over the tables by the engine itself so
+// that it ends at 100 % where the walk ends. The bar is finished (or wiped,
+// on a failure) before the walk's result is returned.
+leveldb::Status WalkWithProgress(
+    leveldb::DB* db, const std::string& label,
+    const std::function<bool(const leveldb::Slice&, const leveldb::Slice&)>& visit);
+
 // What the open of "db" skipped without paranoid checks, as Corruption
 // "<log file>: dropping <n> bytes; <why>": records of a damaged log that are
 // not in the database. Ok when nothing was skipped.

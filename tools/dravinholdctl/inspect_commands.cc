@@ -1,13 +1,17 @@
 // Commands that only read: stores, dump, get, count, stats, dumpfile.
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <leveldb/dumpfile.h>
 #include <leveldb/env.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "command.h"
 #include "dravinholdctl.pb.h"
@@ -246,13 +250,19 @@ int RunStats(const Context& context, const Arguments& arguments) {
 
 int RunDumpFile(const Context& context, const Arguments& arguments) {
   const std::string& file = arguments.positional()[0];
+  const int readable = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (readable < 0) {
+    // A file that is not there is a wrong argument; one the tool may not
+    // read is a file it could not check.
+    const int error = errno;
+    const std::string message = "cannot read " + file + ": " + std::strerror(error);
+    return error == ENOENT ? Fail(message) : CannotCheck(message);
+  }
+  close(readable);
   std::string text;
   StandardOutput out(&text);
   const leveldb::Status status = leveldb::DumpFile(leveldb::Env::Default(), file, &out);
-  if (!status.ok()) {
-    if (status.IsIOError()) return CannotCheck("cannot read " + file + ": " + status.ToString());
-    return Fail("cannot dump " + file + ": " + status.ToString());
-  }
+  if (!status.ok()) return Fail("cannot dump " + file + ": " + status.ToString());
   if (context.json) {
     FileDump answer;
     answer.set_file(file);

@@ -81,39 +81,17 @@ Verdict VerifyStore(const Context& context, const StoreInfo& store, bool all) {
     answer.set_state("damaged");
     return print(Verdict::kDamaged);
   }
-  // The bar runs over the tables of the copy, measured by the engine itself,
-  // so that it ends where the walk ends.
-  std::string first_key;
-  std::string last_key;
-  {
-    std::unique_ptr<leveldb::Iterator> it(db->NewIterator(leveldb::ReadOptions()));
-    it->SeekToFirst();
-    if (it->Valid()) first_key = it->key().ToString();
-    it->SeekToLast();
-    if (it->Valid()) last_key = it->key().ToString();
-  }
-  uint64_t total = 0;
-  const leveldb::Range whole(first_key, last_key);
-  db->GetApproximateSizes(&whole, 1, &total);
-  ProgressBar progress("verify " + store.name, total);
   uint64_t records = 0;
-  const leveldb::Status status =
-      Walk(db.get(), "", [&](const leveldb::Slice& key, const leveldb::Slice&) {
-        if (++records % 1024 == 0) {
-          const leveldb::Range range(first_key, key);
-          uint64_t done = 0;
-          db->GetApproximateSizes(&range, 1, &done);
-          progress.Update(done);
-        }
+  const leveldb::Status status = WalkWithProgress(
+      db.get(), "verify " + store.name, [&](const leveldb::Slice&, const leveldb::Slice&) {
+        ++records;
         return true;
       });
   answer.set_records(static_cast<double>(records));
   if (status.ok()) {
-    progress.Finish();
     answer.set_state("ok");
     return print(Verdict::kSound);
   }
-  progress.Finish();
   std::string where;
   const std::vector<std::string> damaged = DamagedTables(path);
   for (const std::string& table : damaged) {
@@ -300,10 +278,12 @@ bool ReadJsonLines(const StoreInfo& store, const std::string& file, const std::s
 bool Admit(const StoreInfo& store, std::vector<RawRecord>* records, uint64_t* lower_cased,
            std::string* error) {
   *lower_cased = 0;
+  ProgressBar progress("import " + store.name, records->size());
   std::vector<RawRecord> admitted;
   std::map<std::string, size_t> position;  // key -> its place in "admitted"
   for (size_t i = 0; i < records->size(); ++i) {
     RawRecord& record = (*records)[i];
+    if (i % 1024 == 0) progress.Update(i);
     const std::string which = "record " + std::to_string(i + 1);
     if (record.key.empty()) {
       *error = which + ": the key is empty";
@@ -331,6 +311,7 @@ bool Admit(const StoreInfo& store, std::vector<RawRecord>* records, uint64_t* lo
     }
   }
   *records = std::move(admitted);
+  progress.Finish();
   return true;
 }
 
@@ -486,8 +467,9 @@ int RunExport(const Context& context, const Arguments& arguments) {
   uint64_t undecodable = 0;
   const RecordCodec codec(*store);
   if (context.json) contents = JsonLine(exported) + "\n";
-  const leveldb::Status status =
-      Walk(db.get(), "", [&](const leveldb::Slice& key, const leveldb::Slice& value) {
+  const leveldb::Status status = WalkWithProgress(
+      db.get(), "export " + store->name,
+      [&](const leveldb::Slice& key, const leveldb::Slice& value) {
         const RawRecord record{key.ToString(), value.ToString()};
         ++records;
         if (context.json) {
