@@ -408,6 +408,11 @@ TEST_F(CtlInspectTest, GetOfAnAbsentKeyFails) {
   EXPECT_EXIT_CODE(message, 1);
   EXPECT_EQ(message.err,
             "dravinholdctl: not present: " + StoreDir("general_settings_policy_store") + "\n");
+  WriteStore(StoreDir("general_settings_policy_store"), {{GeneralKey(7), PolicyValue("p")}});
+  const ToolRun absent = Ctl({"get", "general_settings_policy_store", "module_id: 5"});
+  EXPECT_EXIT_CODE(absent, 1);
+  EXPECT_EQ(absent.err,
+            "dravinholdctl: not found in general_settings_policy_store: module_id: 5\n");
 }
 
 TEST_F(CtlInspectTest, GetOfAValueThatDoesNotDecodeShowsItAndFails) {

@@ -1,15 +1,15 @@
 // A process that writes a store without pause, for the tests that inspect a
 // store while it is written.
 //
-//   live_writer DIR PROGRESS_FILE WINDOW
+//   live_writer DIR PROGRESS_FILE WINDOW [WRITE_BUFFER_BYTES]
 //
 // Batch i (from 1) puts "counter" with name i and key "signer-<i, 12
 // digits>", and deletes the key of batch i - WINDOW: after batch i the store
 // holds "counter" and the keys of batches max(1, i - WINDOW + 1) to i, and
 // no other state is ever written. After each batch has been written, i is
-// stored as 8 bytes at the start of PROGRESS_FILE. A small write buffer makes
-// the engine flush its log into tables and compact many times a second. The
-// writer ends on SIGTERM, or by itself after two minutes.
+// stored as 8 bytes at the start of PROGRESS_FILE. A small write buffer (1 MiB
+// unless given) makes the engine flush its log into tables and compact many
+// times a second. The writer ends on SIGTERM, or by itself after two minutes.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -44,8 +44,8 @@ std::string Value(const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 4) {
-    std::fprintf(stderr, "usage: live_writer DIR PROGRESS_FILE WINDOW\n");
+  if (argc != 4 && argc != 5) {
+    std::fprintf(stderr, "usage: live_writer DIR PROGRESS_FILE WINDOW [WRITE_BUFFER_BYTES]\n");
     return 2;
   }
   const uint64_t window = std::strtoull(argv[3], nullptr, 10);
@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
   std::unique_ptr<const leveldb::FilterPolicy> bloom(leveldb::NewBloomFilterPolicy(10));
   leveldb::Options options;
   options.create_if_missing = true;
-  options.write_buffer_size = 1 << 20;
+  options.write_buffer_size = argc == 5 ? std::strtoull(argv[4], nullptr, 10) : 1 << 20;
   options.filter_policy = bloom.get();
   leveldb::DB* opened = nullptr;
   leveldb::Status status = leveldb::DB::Open(options, argv[1], &opened);

@@ -185,7 +185,9 @@ int RunGet(const Context& context, const Arguments& arguments) {
   const leveldb::Status status = db->Get(options, key, &value);
   if (status.IsNotFound()) {
     const leveldb::Status damage = OpenDamage(db.get());
-    return Fail("not found in " + store->name + ": " + Quoted(key) +
+    // A message key is named as the operator wrote it, not by its bytes.
+    return Fail("not found in " + store->name + ": " +
+                (store->key != nullptr ? key_text : Quoted(key)) +
                 (damage.ok() ? "" : "; the store is damaged: " + damage.ToString()));
   }
   if (!status.ok()) return Fail(store->name + ": " + status.ToString());
