@@ -546,5 +546,18 @@ TEST_F(CtlDamageTest, ExportDrawsItsProgressOnATerminal) {
   EXPECT_NE(run.err.find("] 100%"), std::string::npos);
 }
 
+TEST_F(CtlDamageTest, ATableTheManifestNamesMissingIsDamageNotARace) {
+  // The copy is made again only when the store's files change under it; a
+  // store that lost a table stays as it is and is reported at once.
+  const std::string path = StoreDir("fvhash_store");
+  WriteStore(path, TenVerdicts(), /*compact=*/true);
+  const std::string table = path + "/" + FilesWithSuffix(path, ".ldb").at(0);
+  ASSERT_EQ(unlink(table.c_str()), 0);
+  const ToolRun run = Ctl({"count", "fvhash_store"});
+  EXPECT_EXIT_CODE(run, 1);
+  EXPECT_EQ(run.err, "dravinholdctl: cannot open " + path +
+                         ": Corruption: 1 missing files; e.g.: " + table + "\n");
+}
+
 }  // namespace
 }  // namespace ctl_test

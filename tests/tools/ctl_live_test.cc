@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,6 +45,8 @@ class LiveWriter {
       : progress_file_(progress_file) {
     pid_ = fork();
     if (pid_ == 0) {
+      // The writer goes with the test, however the test ends.
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
       const std::string window = std::to_string(kWindow);
       execl(LIVE_WRITER_PATH, LIVE_WRITER_PATH, dir.c_str(), progress_file.c_str(), window.c_str(),
             static_cast<char*>(nullptr));

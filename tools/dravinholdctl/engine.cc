@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include <leveldb/dumpfile.h>
 #include <leveldb/table.h>
 
 #include "cleanup.h"
@@ -303,6 +304,59 @@ void EmptyDirectory(const std::string& path) {
   }
 }
 
+// Collects what the engine's dump of a manifest writes.
+class TextSink : public leveldb::WritableFile {
+ public:
+  explicit TextSink(std::string* text) : text_(text) {}
+  leveldb::Status Append(const leveldb::Slice& data) override {
+    text_->append(data.data(), data.size());
+    return leveldb::Status::OK();
+  }
+  leveldb::Status Close() override { return leveldb::Status::OK(); }
+  leveldb::Status Flush() override { return leveldb::Status::OK(); }
+  leveldb::Status Sync() override { return leveldb::Status::OK(); }
+
+ private:
+  std::string* text_;
+};
+
+// Whether the copy in "to" holds every file its manifest "manifest" needs:
+// the tables of the last version and the log the manifest names. The
+// manifest is read through the engine's own dump of it, edit by edit.
+bool HasWhatTheManifestNeeds(const std::string& to, const std::string& manifest) {
+  std::string text;
+  TextSink sink(&text);
+  if (!leveldb::DumpFile(leveldb::Env::Default(), to + "/" + manifest, &sink).ok()) return false;
+  std::set<unsigned long long> tables;
+  unsigned long long log_number = 0;
+  size_t begin = 0;
+  while (begin < text.size()) {
+    size_t end = text.find('\n', begin);
+    if (end == std::string::npos) end = text.size();
+    const std::string line = text.substr(begin, end - begin);
+    begin = end + 1;
+    int level = 0;
+    unsigned long long number = 0;
+    if (std::sscanf(line.c_str(), "  LogNumber: %llu", &number) == 1) {
+      log_number = number;
+    } else if (std::sscanf(line.c_str(), "  AddFile: %d %llu", &level, &number) == 2) {
+      tables.insert(number);
+    } else if (std::sscanf(line.c_str(), "  RemoveFile: %d %llu", &level, &number) == 2) {
+      tables.erase(number);
+    }
+  }
+  const auto present = [&to](unsigned long long number, const char* suffix) {
+    char name[32];
+    std::snprintf(name, sizeof(name), "/%06llu.%s", number, suffix);
+    struct stat info;
+    return stat((to + name).c_str(), &info) == 0;
+  };
+  for (const unsigned long long table : tables) {
+    if (!present(table, "ldb") && !present(table, "sst")) return false;
+  }
+  return log_number == 0 || present(log_number, "log");
+}
+
 // One attempt at the copy.
 Step CopyOnce(const std::string& from, const std::string& to, std::string* error) {
   // Files present before the manifest is read must all still be there after
@@ -319,11 +373,13 @@ Step CopyOnce(const std::string& from, const std::string& to, std::string* error
   // Without CURRENT there is no database to copy; the engine says so when it
   // opens the copy.
   const bool has_current = step == Step::kDone;
+  const std::string manifest = current.substr(0, current.find('\n'));
+  const bool has_manifest =
+      has_current && IsManifest(manifest) && manifest.find('/') == std::string::npos;
   if (has_current) {
     step = WriteFile(to + "/CURRENT", current, error);
     if (step != Step::kDone) return step;
-    const std::string manifest = current.substr(0, current.find('\n'));
-    if (IsManifest(manifest) && manifest.find('/') == std::string::npos) {
+    if (has_manifest) {
       step = CopyFile(from + "/" + manifest, to + "/" + manifest, error);
       if (step != Step::kDone) return step;
     }
@@ -353,6 +409,13 @@ Step CopyOnce(const std::string& from, const std::string& to, std::string* error
   step = ReadFile(from + "/CURRENT", &current_after, error);
   if (step == Step::kFailed) return step;
   if ((step == Step::kDone) != has_current || current_after != current) return Step::kVanished;
+  // A file made and removed again between two listings escapes them; the
+  // manifest tells whether the copy lacks one. When the store's files did not
+  // change at all, a lack is damage of the store itself, for the engine to
+  // report, and no reason to copy again.
+  if (has_manifest && after != before && !HasWhatTheManifestNeeds(to, manifest)) {
+    return Step::kVanished;
+  }
   return Step::kDone;
 }
 
