@@ -1,5 +1,6 @@
 // Opening and walking a store's database for inspection: never creating,
-// never repairing, and never waiting for a store that another process holds.
+// never repairing, never writing; a store that another process holds is read
+// from a copy like any other.
 #pragma once
 
 #include <leveldb/db.h>
