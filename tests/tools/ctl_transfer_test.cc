@@ -188,6 +188,28 @@ TEST_F(CtlTransferTest, ImportRefusesABulkMessageThatNamesNoStore) {
   EXPECT_FALSE(PathExists(StoreDir("fvhash_store")));
 }
 
+TEST_F(CtlTransferTest, ImportRefusesRecordsThatAreNotTheStoresTypes) {
+  // A value that does not decode, in a file that is otherwise this store's.
+  const std::string file = root_.Sub("bad.jsonl");
+  WriteFile(file,
+            "{\"store\":\"fvhash_store\",\"schema\":\"proto.FVhashStore.Data\"}\n"
+            "{\"key\":\"aa01\",\"value\":{\"verdict\":true}}\n"
+            "{\"key\":\"bb02\",\"value_base64\":\"//8=\"}\n");
+  const ToolRun run = Ctl({"import", "fvhash_store", file});
+  EXPECT_EXIT_CODE(run, 1);
+  EXPECT_EQ(run.err, "dravinholdctl: " + file +
+                         ":3: not a record of fvhash_store: value_base64 does not hold a "
+                         "proto.FVhashStore.Value\n");
+  WriteFile(file, "{\"key\":\"\",\"value\":{}}\n");
+  EXPECT_EQ(Ctl({"import", "fvhash_store", file}).err,
+            "dravinholdctl: " + file + ": record 1: the key is empty\n");
+  WriteFile(file, "{\"store\":\"fvhash_store\",\"schema\":\"proto.Other.Data\"}\n");
+  EXPECT_EQ(Ctl({"import", "fvhash_store", file}).err,
+            "dravinholdctl: " + file +
+                " holds proto.Other.Data records, not proto.FVhashStore.Data; nothing imported\n");
+  EXPECT_FALSE(PathExists(StoreDir("fvhash_store")));
+}
+
 TEST_F(CtlTransferTest, ImportTakesWhatDumpJsonPrints) {
   WriteStore(StoreDir("process_settings_policy_store"), {{ProcessKey("bash", 5), PolicyValue("p5")},
                                                          {ProcessKey("sshd", 1), PolicyValue("")}});
