@@ -284,9 +284,13 @@ Step WriteFile(const std::string& path, const std::string& contents, std::string
 // read is a prefix of it, which recovery takes as a database that stopped
 // there.
 Step CopyFile(const std::string& from, const std::string& to, std::string* error) {
-  std::string contents;
-  const Step read = ReadFile(from, &contents, error);
-  return read == Step::kDone ? WriteFile(to, contents, error) : read;
+  // The kernel copies (copy_file_range or sendfile): no pass through this
+  // process's memory for a log of several MiB.
+  std::error_code code;
+  if (std::filesystem::copy_file(from, to, code)) return Step::kDone;
+  if (code == std::errc::no_such_file_or_directory) return Step::kVanished;
+  *error = "cannot copy " + from + " to " + to + ": " + code.message();
+  return Step::kFailed;
 }
 
 // Tables are never written again once made: a link is a copy for free.
