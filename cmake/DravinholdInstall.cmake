@@ -121,7 +121,7 @@ install(CODE "
 # The operator's tool, with its manual page.
 install(TARGETS dravinholdctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 dravinhold_package_without_rpath(dravinholdctl ${CMAKE_INSTALL_BINDIR} tools)
-dravinhold_gzip("${CMAKE_SOURCE_DIR}/tools/dravinholdctl/doc/dravinholdctl.1"
+dravinhold_gzip("${CMAKE_SOURCE_DIR}/tools/dravinholdctl/dravinholdctl.1"
   "${DRAVINHOLD_PACKAGING_DIR}/dravinholdctl.1.gz")
 install(FILES "${DRAVINHOLD_PACKAGING_DIR}/dravinholdctl.1.gz"
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1

@@ -1,6 +1,7 @@
 // dravinholdctl on damaged stores and on stores in use: verify finds the
-// damage, repair mends it, and every other look leaves the damage exactly as
-// it was. A store that another process holds is refused at once.
+// damage and names its file, repair mends it and keeps the store as it was,
+// and every other look leaves the damage exactly as it was. A store that
+// another process holds is read from a copy, and repaired by nobody.
 
 #include <unistd.h>
 
@@ -57,6 +58,16 @@ class CtlDamageTest : public CtlTest {
     return path + "/" + FilesWithSuffix(path, ".log").at(0);
   }
 
+  // "; in <file>, <file>": the damaged tables, as verify names them.
+  static std::string DamagedFiles(const std::string& path) {
+    std::vector<std::string> tables = FilesWithSuffix(path, ".ldb");
+    std::sort(tables.begin(), tables.end());
+    std::string where;
+    for (const std::string& table : tables)
+      where += (where.empty() ? "; in " : ", ") + path + "/" + table;
+    return where;
+  }
+
   std::string InUse(const std::string& store) const {
     return "dravinholdctl: in use by process " + std::to_string(getpid()) + ": " + StoreDir(store) +
            "\n";
@@ -87,16 +98,16 @@ TEST_F(CtlDamageTest, VerifyDrawsAProgressBarOnATerminalOnly) {
   EXPECT_EXIT_CODE(run, 0);
   EXPECT_EQ(run.out, "trusted_signers_store: ok, 10000 records, every block verified\n");
   // Redrawn in place after a carriage return, a bar of 30 and a percentage,
-  // and wiped at the end.
-  const std::regex drawing(
-      "(\\rverify trusted_signers_store \\[[# ]{30}\\] [ 0-9]{3}%)+\\r\\x1b\\[K");
+  // ending full at 100 % on a line of its own.
+  const std::regex drawing("(\\rverify trusted_signers_store \\[[# ]{30}\\] [ 0-9]{3}%)+\\r?\\n");
   EXPECT_TRUE(std::regex_match(run.err, drawing)) << run.err;
   EXPECT_NE(run.err.find("[#"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("[" + std::string(30, '#') + "] 100%"), std::string::npos) << run.err;
   // Not on a pipe: see VerifyOfASoundStoreReadsEveryRecord.
 }
 
 TEST_F(CtlDamageTest, VerifyFindsFlippedBytesInATableFile) {
-  DamagedSigners();
+  const std::string path = DamagedSigners();
   const ToolRun run = Ctl({"verify", "trusted_signers_store"});
   EXPECT_EXIT_CODE(run, 1);
   EXPECT_EQ(run.err, "");
@@ -104,8 +115,20 @@ TEST_F(CtlDamageTest, VerifyFindsFlippedBytesInATableFile) {
   // One block of records is lost, the blocks around it are read.
   EXPECT_GT(readable, 9900);
   EXPECT_LT(readable, 10000);
-  EXPECT_EQ(run.out, "trusted_signers_store: DAMAGED: Corruption: block checksum mismatch (" +
-                         std::to_string(readable) + " records readable)\n");
+  EXPECT_EQ(run.out, "trusted_signers_store: DAMAGED: Corruption: block checksum mismatch" +
+                         DamagedFiles(path) + " (" + std::to_string(readable) +
+                         " records readable)\n");
+  const ToolRun json = Ctl({"verify", "trusted_signers_store", "--json"});
+  EXPECT_EXIT_CODE(json, 1);
+  const std::string first = path + "/" + [&] {
+    std::vector<std::string> tables = FilesWithSuffix(path, ".ldb");
+    std::sort(tables.begin(), tables.end());
+    return tables.at(0);
+  }();
+  EXPECT_EQ(json.out, "{\"store\":\"trusted_signers_store\",\"state\":\"damaged\",\"records\":" +
+                          std::to_string(readable) +
+                          ",\"error\":\"Corruption: block checksum mismatch" + DamagedFiles(path) +
+                          "\",\"file\":\"" + first + "\"}\n");
 }
 
 TEST_F(CtlDamageTest, VerifyFindsADamagedRecordInTheLog) {
@@ -144,7 +167,7 @@ TEST_F(CtlDamageTest, VerifyTakesATornLastRecordOfTheLogForAnInterruptedWrite) {
 
 TEST_F(CtlDamageTest, VerifyAllReportsEveryStore) {
   WriteStore(StoreDir("fvhash_store"), TenVerdicts());
-  DamagedSigners();
+  const std::string signers = DamagedSigners();
   const std::string general = StoreDir("general_settings_policy_store");
   WriteStore(general, {{GeneralKey(5), PolicyValue("five")}}, /*compact=*/true);
   ASSERT_EQ(unlink((general + "/CURRENT").c_str()), 0);
@@ -155,8 +178,9 @@ TEST_F(CtlDamageTest, VerifyAllReportsEveryStore) {
   const std::vector<std::string> lines = run.OutLines();
   ASSERT_EQ(lines.size(), 7u) << run.out;
   EXPECT_EQ(lines[0], "fvhash_store: ok, 10 records, every block verified");
-  EXPECT_EQ(lines[1], "trusted_signers_store: DAMAGED: Corruption: block checksum mismatch (" +
-                          std::to_string(ReadableCount(lines[1])) + " records readable)");
+  EXPECT_EQ(lines[1], "trusted_signers_store: DAMAGED: Corruption: block checksum mismatch" +
+                          DamagedFiles(signers) + " (" + std::to_string(ReadableCount(lines[1])) +
+                          " records readable)");
   EXPECT_EQ(lines[2], "trusted_signers_cache: absent");
   EXPECT_EQ(lines[3], "general_settings_policy_store: DAMAGED: cannot open " + general +
                           ": Invalid argument: " + general +
@@ -243,7 +267,7 @@ TEST_F(CtlDamageTest, ReadingADamagedTableReportsItAndLeavesItAsItWas) {
   const ToolRun stats = Ctl({"stats", "trusted_signers_store"});
   EXPECT_EXIT_CODE(stats, 0);
   const ToolRun stores = Ctl({"stores"});
-  EXPECT_EXIT_CODE(stores, 0);
+  EXPECT_EXIT_CODE(stores, 1);
   EXPECT_NE(stores.OutLines().at(2).find(" damaged  " + path), std::string::npos)
       << stores.OutLines().at(2);
   EXPECT_EQ(Snapshot(path), damaged);
@@ -291,8 +315,9 @@ TEST_F(CtlDamageTest, ReadingADamagedLogReportsWhatWasDroppedAndKeepsTheLog) {
   EXPECT_EQ(found.out, "\"key1\" => {verdict: true}\n");
   const ToolRun dropped = Ctl({"get", "fvhash_store", "key7"});
   EXPECT_EXIT_CODE(dropped, 1);
-  EXPECT_EQ(dropped.err, "dravinholdctl: not found in fvhash_store: key7; the store is damaged: " +
-                             damage + "\n");
+  EXPECT_EQ(
+      dropped.err,
+      "dravinholdctl: not found in fvhash_store: \"key7\"; the store is damaged: " + damage + "\n");
 
   EXPECT_EXIT_CODE(Ctl({"verify", "fvhash_store"}), 1);
   EXPECT_EXIT_CODE(Ctl({"stats", "fvhash_store"}), 0);
@@ -343,7 +368,8 @@ TEST_F(CtlDamageTest, ReadingAStoreWithoutCurrentMakesNoNewDatabase) {
     EXPECT_EQ(Snapshot(path), damaged);
   }
   const ToolRun stores = Ctl({"stores"});
-  EXPECT_NE(stores.OutLines().at(1).find(" unreadable  " + path), std::string::npos);
+  EXPECT_NE(stores.OutLines().at(1).find(" damaged  " + path), std::string::npos);
+  EXPECT_EXIT_CODE(stores, 1);
   EXPECT_EXIT_CODE(Ctl({"verify", "--all"}), 1);
   EXPECT_EQ(Snapshot(path), damaged);
   EXPECT_FALSE(PathExists(path + "/CURRENT"));
@@ -354,16 +380,34 @@ TEST_F(CtlDamageTest, ReadingAStoreWithoutCurrentMakesNoNewDatabase) {
 
 TEST_F(CtlDamageTest, RepairDropsTheDamagedBlockAndKeepsTheRest) {
   const std::string path = DamagedSigners();
+  const auto damaged = Snapshot(path);
   const long readable = ReadableCount(Ctl({"verify", "trusted_signers_store"}).out);
   ASSERT_GT(readable, 0);
 
   const ToolRun run = Ctl({"repair", "trusted_signers_store"});
   EXPECT_EXIT_CODE(run, 0);
   EXPECT_EQ(run.err, "");
-  EXPECT_EQ(run.out,
-            "trusted_signers_store: repaired; records before: " + std::to_string(readable) +
-                " readable (Corruption: block checksum mismatch), after: " +
-                std::to_string(readable) + "\n");
+  const std::vector<std::string> lines = run.OutLines();
+  ASSERT_EQ(lines.size(), 3u) << run.out;
+  EXPECT_EQ(
+      lines[0],
+      "trusted_signers_store: repaired; records before: " + std::to_string(readable) +
+          " readable (Corruption: block checksum mismatch), after: " + std::to_string(readable));
+  // The tables the engine set aside are named, and are in lost/.
+  const std::string moved = "moved to " + path + "/lost: ";
+  ASSERT_EQ(lines[1].rfind(moved, 0), 0u) << lines[1];
+  const std::string names = lines[1].substr(moved.size());
+  EXPECT_NE(names.find(".ldb"), std::string::npos) << names;
+  for (size_t at = 0; at <= names.size();) {
+    const size_t end = std::min(names.find(", ", at), names.size());
+    EXPECT_TRUE(PathExists(path + "/lost/" + names.substr(at, end - at))) << names;
+    at = end + 2;
+  }
+  // The store as it was, byte for byte, beside it.
+  const std::string kept = "the store as it was: " + path + ".before-repair-";
+  ASSERT_EQ(lines[2].rfind(kept, 0), 0u) << lines[2];
+  EXPECT_TRUE(std::regex_match(lines[2].substr(kept.size()), std::regex("\\d{8}T\\d{6}Z")));
+  EXPECT_EQ(Snapshot(lines[2].substr(std::string("the store as it was: ").size())), damaged);
 
   const ToolRun verify = Ctl({"verify", "trusted_signers_store"});
   EXPECT_EXIT_CODE(verify, 0);
@@ -386,9 +430,10 @@ TEST_F(CtlDamageTest, RepairRebuildsAMissingCurrent) {
   ASSERT_EQ(unlink((path + "/CURRENT").c_str()), 0);
   const ToolRun run = Ctl({"repair", "fvhash_store"});
   EXPECT_EXIT_CODE(run, 0);
-  EXPECT_EQ(run.out, "fvhash_store: repaired; records before: unreadable (cannot open " + path +
-                         ": Invalid argument: " + path +
-                         ": does not exist (create_if_missing is false)), after: 10\n");
+  EXPECT_EQ(run.OutLines().at(0),
+            "fvhash_store: repaired; records before: unreadable (cannot open " + path +
+                ": Invalid argument: " + path +
+                ": does not exist (create_if_missing is false)), after: 10");
   EXPECT_EQ(ReadStore(path), TenVerdicts());
 }
 
@@ -397,81 +442,121 @@ TEST_F(CtlDamageTest, RepairOfASoundStoreKeepsEveryRecord) {
   WriteStore(path, TenVerdicts());
   const ToolRun run = Ctl({"repair", "fvhash_store"});
   EXPECT_EXIT_CODE(run, 0);
-  EXPECT_EQ(run.out, "fvhash_store: repaired; records before: 10, after: 10\n");
+  EXPECT_EQ(run.OutLines().at(0), "fvhash_store: repaired; records before: 10, after: 10");
+  // The engine sets the old log and manifest aside once it has made a table
+  // and a manifest of its own from them.
+  EXPECT_EQ(run.OutLines().at(1), "moved to " + path + "/lost: 000003.log, MANIFEST-000002");
   EXPECT_EQ(run.err, "");
   EXPECT_EQ(ReadStore(path), TenVerdicts());
 }
 
 // ---- a store in use ----
 
-TEST_F(CtlDamageTest, EveryCommandRefusesAStoreThatAnotherProcessHolds) {
-  const std::string path = StoreDir("fvhash_store");
-  WriteStore(path, TenVerdicts());
-  const std::string file = root_.Sub("verdicts.bin");
-  ASSERT_EQ(Ctl({"export", "fvhash_store", file}).exit_code, 0);
-  const std::string out_file = root_.Sub("out.bin");
-
-  persistence::DB held(path);
-  ASSERT_TRUE(held.Open(true, false, false, 0).ok());
-  const auto before = Snapshot(path);
-  for (const std::vector<std::string>& args :
-       std::vector<std::vector<std::string>>{{"dump", "fvhash_store"},
-                                             {"get", "fvhash_store", "key0"},
-                                             {"count", "fvhash_store"},
-                                             {"stats", "fvhash_store"},
-                                             {"verify", "fvhash_store"},
-                                             {"repair", "fvhash_store"},
-                                             {"export", "fvhash_store", out_file},
-                                             {"import", "fvhash_store", file}}) {
-    SCOPED_TRACE(args[0]);
-    const ToolRun run = Ctl(args);
-    EXPECT_EXIT_CODE(run, 1);
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, InUse("fvhash_store"));
-    EXPECT_EQ(Snapshot(path), before);
-  }
-  EXPECT_FALSE(PathExists(out_file));
-  // The holder's view is untouched as well.
-  uint64_t count = 0;
-  ASSERT_TRUE(held.Count(&count, nullptr).ok());
-  EXPECT_EQ(count, 10u);
-}
-
-TEST_F(CtlDamageTest, VerifyAllNamesTheStoreInUseAndVerifiesTheOthers) {
+TEST_F(CtlDamageTest, VerifyAllVerifiesAStoreInUseFromItsCopy) {
   WriteStore(StoreDir("fvhash_store"), TenVerdicts());
   WriteStore(StoreDir("trusted_signers_cache"), {{"k", CacheValue("c", 1, 1)}});
   persistence::DB held(StoreDir("trusted_signers_cache"));
   ASSERT_TRUE(held.Open(true, false, false, 0).ok());
+  ASSERT_TRUE(held.Put("l", CacheValue("d", 2, 2), false).ok());
   const ToolRun run = Ctl({"verify", "--all"});
-  EXPECT_EXIT_CODE(run, 1);
+  EXPECT_EXIT_CODE(run, 0);
   EXPECT_EQ(run.err, "");
   const std::vector<std::string> lines = run.OutLines();
   ASSERT_EQ(lines.size(), 7u);
   EXPECT_EQ(lines[0], "fvhash_store: ok, 10 records, every block verified");
-  EXPECT_EQ(lines[2], "trusted_signers_cache: FAILED: in use by process " +
-                          std::to_string(getpid()) + ": " + StoreDir("trusted_signers_cache"));
+  EXPECT_EQ(lines[2], "trusted_signers_cache: ok, 2 records, every block verified");
 }
 
-TEST_F(CtlDamageTest, LruRefusesWhenEitherDatabaseIsInUse) {
+TEST_F(CtlDamageTest, RepairRefusesAStoreThatAnotherProcessHolds) {
+  const std::string path = DamagedSigners();
+  persistence::DB held(path);
+  ASSERT_TRUE(held.Open(false, false, false, 0).ok());
+  const auto damaged = Snapshot(path);
+  const ToolRun run = Ctl({"repair", "trusted_signers_store"});
+  EXPECT_EXIT_CODE(run, 1);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, InUse("trusted_signers_store"));
+  EXPECT_EQ(Snapshot(path), damaged);
+  EXPECT_FALSE(PathExists(path + "/lost"));
+}
+
+TEST_F(CtlDamageTest, VerifyThatCannotMakeItsCopyCouldNotCheck) {
+  WriteStore(StoreDir("fvhash_store"), TenVerdicts());
+  const std::string no_tmp = root_.Sub("no-such-tmp");
+  const std::string why = "cannot make a temporary directory for a copy of " +
+                          StoreDir("fvhash_store") + ": No such file or directory";
+  const ToolRun one = RunTool({"--root", Root(), "verify", "fvhash_store"}, {{"TMPDIR", no_tmp}});
+  EXPECT_EXIT_CODE(one, 3);
+  EXPECT_EQ(one.out, "fvhash_store: COULD NOT CHECK: " + why + "\n");
+  EXPECT_EQ(one.err, "");
+  const ToolRun all = RunTool({"--root", Root(), "verify", "--all"}, {{"TMPDIR", no_tmp}});
+  EXPECT_EXIT_CODE(all, 3);
+  EXPECT_EQ(all.OutLines().at(0), "fvhash_store: COULD NOT CHECK: " + why);
+  EXPECT_EQ(all.OutLines().at(1), "trusted_signers_store: absent");
+  const ToolRun stores = RunTool({"--root", Root(), "stores"}, {{"TMPDIR", no_tmp}});
+  EXPECT_EXIT_CODE(stores, 3);
+  EXPECT_NE(stores.OutLines().at(1).find(" unchecked  "), std::string::npos) << stores.out;
+}
+
+TEST_F(CtlDamageTest, LruReadsDatabasesThatAreInUse) {
   WriteStore(StoreDir("enrichment_store"), {{"h", EnrichmentValue("/bin/h", 1, 1)}});
   WriteStore(StoreDir("enrichment_store.lru"), {{LruKey(1), LruValue("h")}});
-  {
-    persistence::DB held(StoreDir("enrichment_store"));
-    ASSERT_TRUE(held.Open(false, false, false, 0).ok());
-    const ToolRun run = Ctl({"lru"});
-    EXPECT_EXIT_CODE(run, 1);
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, InUse("enrichment_store"));
-  }
-  {
-    persistence::DB held(StoreDir("enrichment_store.lru"));
-    ASSERT_TRUE(held.Open(false, false, false, 0).ok());
-    const ToolRun run = Ctl({"lru"});
-    EXPECT_EXIT_CODE(run, 1);
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, InUse("enrichment_store.lru"));
-  }
-  EXPECT_EXIT_CODE(Ctl({"lru"}), 0);
+  persistence::DB main_db(StoreDir("enrichment_store"));
+  ASSERT_TRUE(main_db.Open(false, false, false, 0).ok());
+  persistence::DB order_db(StoreDir("enrichment_store.lru"));
+  ASSERT_TRUE(order_db.Open(false, false, false, 0).ok());
+  const ToolRun run = Ctl({"lru", "--json"});
+  EXPECT_EXIT_CODE(run, 0);
+  EXPECT_EQ(run.err, "");
+  EXPECT_EQ(run.OutLines().at(0),
+            "{\"index\":1,\"last_used\":1,\"date\":\"1970-01-01 00:00:01 UTC\","
+            "\"state\":\"\",\"key\":\"h\"}");
+}
+
+TEST_F(CtlDamageTest, VerifyAndRepairAnswerInJson) {
+  const std::string path = StoreDir("fvhash_store");
+  WriteStore(path, TenVerdicts());
+  const ToolRun verify = Ctl({"verify", "--all", "--json"});
+  EXPECT_EXIT_CODE(verify, 0);
+  const std::vector<std::string> lines = verify.OutLines();
+  ASSERT_EQ(lines.size(), 7u);
+  EXPECT_EQ(
+      lines[0],
+      "{\"store\":\"fvhash_store\",\"state\":\"ok\",\"records\":10,\"error\":\"\",\"file\":\"\"}");
+  EXPECT_EQ(lines[1],
+            "{\"store\":\"trusted_signers_store\",\"state\":\"absent\",\"records\":0,"
+            "\"error\":\"\",\"file\":\"\"}");
+  const ToolRun repair = Ctl({"repair", "fvhash_store", "--json"});
+  EXPECT_EXIT_CODE(repair, 0);
+  const std::regex answer(
+      "\\{\"store\":\"fvhash_store\",\"records_before\":\"10\",\"records_after\":\"10\","
+      "\"lost\":\\[\"000003.log\",\"MANIFEST-000002\"\\],\"backup\":\"" +
+      path + "\\.before-repair-\\d{8}T\\d{6}Z\"\\}\n");
+  EXPECT_TRUE(std::regex_match(repair.out, answer)) << repair.out;
+}
+
+TEST_F(CtlDamageTest, ExportDrawsItsProgressOnATerminal) {
+  WriteStore(StoreDir("trusted_signers_store"), ManySigners(), /*compact=*/true);
+  const ToolRun run = RunTool(
+      {"--root", Root(), "export", "trusted_signers_store", root_.Sub("signers.bin")}, {}, 30,
+      /*terminal=*/true);
+  EXPECT_EXIT_CODE(run, 0);
+  const std::regex drawing("(\\rexport trusted_signers_store \\[[# ]{30}\\] [ 0-9]{3}%)+\\r?\\n");
+  EXPECT_TRUE(std::regex_match(run.err, drawing)) << run.err;
+  EXPECT_NE(run.err.find("] 100%"), std::string::npos);
+}
+
+TEST_F(CtlDamageTest, ATableTheManifestNamesMissingIsDamageNotARace) {
+  // The copy is made again only when the store's files change under it; a
+  // store that lost a table stays as it is and is reported at once.
+  const std::string path = StoreDir("fvhash_store");
+  WriteStore(path, TenVerdicts(), /*compact=*/true);
+  const std::string table = path + "/" + FilesWithSuffix(path, ".ldb").at(0);
+  ASSERT_EQ(unlink(table.c_str()), 0);
+  const ToolRun run = Ctl({"count", "fvhash_store"});
+  EXPECT_EXIT_CODE(run, 1);
+  EXPECT_EQ(run.err, "dravinholdctl: cannot open " + path +
+                         ": Corruption: 1 missing files; e.g.: " + table + "\n");
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <filesystem>
@@ -21,6 +22,7 @@ namespace ctl_test {
 namespace {
 
 using testing_support::FilesWithSuffix;
+using testing_support::FileWithPrefix;
 
 using CtlInspectTest = CtlTest;
 
@@ -80,12 +82,12 @@ TEST_F(CtlInspectTest, StoresOnAnEmptyRootListsSevenAbsentStoresAndCreatesNothin
   EXPECT_TRUE(Snapshot(Root()).empty());
 }
 
-TEST_F(CtlInspectTest, StoresOnAMissingRootSaysSoAndDoesNotCreateIt) {
+TEST_F(CtlInspectTest, StoresOnAMissingRootCannotCheckAndDoesNotCreateIt) {
   const std::string root = root_.Sub("not-there");
   const ToolRun run = RunAt(root, {"stores"});
-  EXPECT_EXIT_CODE(run, 1);
+  EXPECT_EXIT_CODE(run, 3);
   EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err, "dravinholdctl: data root " + root + " does not exist\n");
+  EXPECT_EQ(run.err, "dravinholdctl: no data root at " + root + ": No such file or directory\n");
   EXPECT_FALSE(PathExists(root));
 }
 
@@ -136,20 +138,21 @@ TEST_F(CtlInspectTest, StoresNamesTheProcessHoldingAStore) {
   EXPECT_EQ(run.err, "");
   const std::vector<std::string> lines = run.OutLines();
   ASSERT_EQ(lines.size(), 8u);
+  // Held or not, its records are counted, from a copy.
   EXPECT_EQ(lines[1], StoresLine("fvhash_store", "yes", "pid " + std::to_string(getpid()),
-                                 Human(AllocatedBytes(StoreDir("fvhash_store"))), "-",
+                                 Human(AllocatedBytes(StoreDir("fvhash_store"))), "3",
                                  StoreDir("fvhash_store")));
   EXPECT_EQ(lines[3], StoresLine("trusted_signers_cache", "yes", "no",
                                  Human(AllocatedBytes(StoreDir("trusted_signers_cache"))), "1",
                                  StoreDir("trusted_signers_cache")));
 }
 
-TEST_F(CtlInspectTest, StoresCallsADirectoryThatIsNoDatabaseUnreadable) {
+TEST_F(CtlInspectTest, StoresCallsADirectoryThatIsNoDatabaseDamaged) {
   ASSERT_TRUE(std::filesystem::create_directory(StoreDir("fvhash_store")));
   const ToolRun run = Ctl({"stores"});
-  EXPECT_EXIT_CODE(run, 0);
+  EXPECT_EXIT_CODE(run, 1);
   EXPECT_EQ(run.OutLines().at(1),
-            StoresLine("fvhash_store", "yes", "no", "0 B", "unreadable", StoreDir("fvhash_store")));
+            StoresLine("fvhash_store", "yes", "no", "0 B", "damaged", StoreDir("fvhash_store")));
   // Looking left no file behind, not even a LOCK.
   EXPECT_TRUE(std::filesystem::is_empty(StoreDir("fvhash_store")));
 }
@@ -175,9 +178,9 @@ TEST_F(CtlInspectTest, DumpJsonPrintsOneObjectPerRecord) {
   EXPECT_EXIT_CODE(run, 0);
   EXPECT_EQ(run.err, "");
   EXPECT_EQ(run.out,
-            "{\"key\":\"aa01\",\"value\":{\"verdict\":true}}\n"
-            "{\"key\":\"bb02\",\"value\":{}}\n"
-            "{\"key\":\"cc03\",\"value\":{\"verdict\":true}}\n");
+            "{\"value\":{\"verdict\":true},\"key\":\"aa01\"}\n"
+            "{\"value\":{\"verdict\":false},\"key\":\"bb02\"}\n"
+            "{\"value\":{\"verdict\":true},\"key\":\"cc03\"}\n");
 }
 
 TEST_F(CtlInspectTest, DumpEscapesKeyBytesThatAreNotPrintable) {
@@ -188,12 +191,12 @@ TEST_F(CtlInspectTest, DumpEscapesKeyBytesThatAreNotPrintable) {
   EXPECT_EXIT_CODE(text, 0);
   EXPECT_EQ(text.out,
             "\"a\\x01\\\"b\\\\\" => {name: \"Acme\"}\n"
-            "\"\\xc3\\xa9t\\xc3\\xa9\" => {name: \"Summer\"}\n");
+            "\"\xc3\xa9t\xc3\xa9\" => {name: \"Summer\"}\n");
   const ToolRun json = Ctl({"dump", "trusted_signers_store", "--json"});
   EXPECT_EXIT_CODE(json, 0);
   EXPECT_EQ(json.out,
-            "{\"key\":\"a\\u0001\\\"b\\\\\",\"value\":{\"name\":\"Acme\"}}\n"
-            "{\"key\":\"\\u00c3\\u00a9t\\u00c3\\u00a9\",\"value\":{\"name\":\"Summer\"}}\n");
+            "{\"value\":{\"name\":\"Acme\"},\"key\":\"a\\u0001\\\"b\\\\\"}\n"
+            "{\"value\":{\"name\":\"Summer\"},\"key\":\"\xc3\xa9t\xc3\xa9\"}\n");
 }
 
 TEST_F(CtlInspectTest, DumpDecodesMessageKeysOfThePolicyStores) {
@@ -244,10 +247,11 @@ TEST_F(CtlInspectTest, DumpShowsEveryFieldOfAnEnrichmentRecord) {
   const ToolRun json = Ctl({"dump", "enrichment_store", "--json"});
   EXPECT_EXIT_CODE(json, 0);
   EXPECT_EQ(json.out,
-            "{\"key\":\"hash-1\",\"value\":{\"lru_data\":{\"last_used\":\"1700000000\",\"index\":"
-            "\"3\"},\"image_path\":\"/usr/bin/curl\",\"signature_details\":{\"vendor\":\"Acme\","
-            "\"notarized\":true},\"sha256\":\"ab12\",\"sa_score\":0.5,\"entitlements\":[\"net\","
-            "\"fs\"]}}\n");
+            "{\"value\":{\"lru_data\":{\"last_used\":\"1700000000\",\"index\":\"3\"},"
+            "\"image_path\":\"/usr/bin/curl\",\"signature_details\":{\"product_family\":\"\","
+            "\"vendor\":\"Acme\",\"signature_state\":0,\"os_specific\":0,\"notarized\":true},"
+            "\"sha256\":\"ab12\",\"md5\":\"\",\"sa_score\":0.5,\"entitlements\":[\"net\","
+            "\"fs\"]},\"key\":\"hash-1\"}\n");
 }
 
 TEST_F(CtlInspectTest, DumpLimitStopsAfterNRecords) {
@@ -294,10 +298,11 @@ TEST_F(CtlInspectTest, DumpStartThatIsNotAKeyMessageFailsInOneLine) {
   const ToolRun run = Ctl({"dump", "general_settings_policy_store", "--start", "module: 5"});
   EXPECT_EXIT_CODE(run, 1);
   EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err,
-            "dravinholdctl: key is not a proto.GeneralSettingsPolicyStore.Key in text format: "
-            "module: 5 (column 7: Message type \"proto.GeneralSettingsPolicyStore.Key\" has no "
-            "field named \"module\".)\n");
+  EXPECT_EQ(
+      run.err,
+      "dravinholdctl: key is not a proto.GeneralSettingsPolicyStore.Key in text format or JSON: "
+      "module: 5 (column 7: Message type \"proto.GeneralSettingsPolicyStore.Key\" has no "
+      "field named \"module\".)\n");
 }
 
 TEST_F(CtlInspectTest, DumpShowsARecordThatDoesNotDecodeAndFails) {
@@ -313,7 +318,7 @@ TEST_F(CtlInspectTest, DumpShowsARecordThatDoesNotDecodeAndFails) {
   EXPECT_EQ(text.err, "dravinholdctl: 1 of 3 records could not be decoded\n");
   const ToolRun json = Ctl({"dump", "fvhash_store", "--json"});
   EXPECT_EXIT_CODE(json, 1);
-  EXPECT_EQ(json.OutLines().at(1), "{\"key\":\"bb02\",\"value\":\"\\u00ff\\u00ff\"}");
+  EXPECT_EQ(json.OutLines().at(1), "{\"key\":\"bb02\",\"value_base64\":\"//8=\"}");
   EXPECT_EQ(json.err, "dravinholdctl: 1 of 3 records could not be decoded\n");
 }
 
@@ -374,7 +379,7 @@ TEST_F(CtlInspectTest, GetPrintsOneRecord) {
   EXPECT_EQ(run.err, "");
   const ToolRun json = Ctl({"get", "fvhash_store", "cc03", "--json"});
   EXPECT_EXIT_CODE(json, 0);
-  EXPECT_EQ(json.out, "{\"key\":\"cc03\",\"value\":{\"verdict\":true}}\n");
+  EXPECT_EQ(json.out, "{\"value\":{\"verdict\":true},\"key\":\"cc03\"}\n");
 }
 
 TEST_F(CtlInspectTest, GetTakesAMessageKeyInTextFormat) {
@@ -398,11 +403,16 @@ TEST_F(CtlInspectTest, GetOfAnAbsentKeyFails) {
   const ToolRun run = Ctl({"get", "fvhash_store", "AA01"});
   EXPECT_EXIT_CODE(run, 1);
   EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err, "dravinholdctl: not found in fvhash_store: AA01\n");
+  EXPECT_EQ(run.err, "dravinholdctl: not found in fvhash_store: \"AA01\"\n");
   const ToolRun message = Ctl({"get", "general_settings_policy_store", "module_id: 5"});
   EXPECT_EXIT_CODE(message, 1);
   EXPECT_EQ(message.err,
             "dravinholdctl: not present: " + StoreDir("general_settings_policy_store") + "\n");
+  WriteStore(StoreDir("general_settings_policy_store"), {{GeneralKey(7), PolicyValue("p")}});
+  const ToolRun absent = Ctl({"get", "general_settings_policy_store", "module_id: 5"});
+  EXPECT_EXIT_CODE(absent, 1);
+  EXPECT_EQ(absent.err,
+            "dravinholdctl: not found in general_settings_policy_store: module_id: 5\n");
 }
 
 TEST_F(CtlInspectTest, GetOfAValueThatDoesNotDecodeShowsItAndFails) {
@@ -418,9 +428,10 @@ TEST_F(CtlInspectTest, GetWithAKeyThatIsNotAKeyMessageFails) {
   const ToolRun run = Ctl({"get", "general_settings_policy_store", "module_id: five"});
   EXPECT_EXIT_CODE(run, 1);
   EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err,
-            "dravinholdctl: key is not a proto.GeneralSettingsPolicyStore.Key in text format: "
-            "module_id: five (column 12: Expected integer, got: five)\n");
+  EXPECT_EQ(
+      run.err,
+      "dravinholdctl: key is not a proto.GeneralSettingsPolicyStore.Key in text format or JSON: "
+      "module_id: five (column 12: Expected integer, got: five)\n");
 }
 
 // ---- count ----
@@ -509,11 +520,11 @@ TEST_F(CtlInspectTest, CopyOnAnotherFileSystemIsMadeOfCopiesNotLinks) {
   testing_support::RemoveTree(tmp);
 }
 
-TEST_F(CtlInspectTest, NoPlaceForTheCopyIsAClearFailure) {
+TEST_F(CtlInspectTest, NoPlaceForTheCopyCouldNotCheck) {
   WriteStore(StoreDir("fvhash_store"), ThreeVerdicts());
   const ToolRun run =
       RunTool({"--root", Root(), "count", "fvhash_store"}, {{"TMPDIR", root_.Sub("no-such-tmp")}});
-  EXPECT_EXIT_CODE(run, 1);
+  EXPECT_EXIT_CODE(run, 3);
   EXPECT_EQ(run.out, "");
   EXPECT_EQ(run.err, "dravinholdctl: cannot make a temporary directory for a copy of " +
                          StoreDir("fvhash_store") + ": No such file or directory\n");
@@ -557,6 +568,79 @@ TEST_F(CtlInspectTest, StatsOfAStoreWithNoTables) {
   const std::vector<std::string> lines = run.OutLines();
   ASSERT_GE(lines.size(), 4u);
   EXPECT_EQ(lines[3], "table files:  0");
+}
+
+// ---- answers as JSON ----
+
+TEST_F(CtlInspectTest, CountStatsAndStoresAnswerInJson) {
+  WriteStore(StoreDir("fvhash_store"), ThreeVerdicts());
+  const ToolRun count = Ctl({"count", "fvhash_store", "--json"});
+  EXPECT_EXIT_CODE(count, 0);
+  EXPECT_EQ(count.out, "{\"store\":\"fvhash_store\",\"records\":3}\n");
+  const ToolRun stats = Ctl({"--json", "stats", "fvhash_store"});
+  EXPECT_EXIT_CODE(stats, 0);
+  const std::string head =
+      "{\"store\":\"fvhash_store\",\"directory\":\"" + StoreDir("fvhash_store") +
+      "\",\"size_bytes\":" + std::to_string(AllocatedBytes(StoreDir("fvhash_store"))) +
+      ",\"table_files\":0,\"leveldb_stats\":\"";
+  EXPECT_EQ(stats.out.rfind(head, 0), 0u) << stats.out;
+  EXPECT_EQ(stats.OutLines().size(), 1u);
+  const ToolRun stores = Ctl({"stores", "--json"});
+  EXPECT_EXIT_CODE(stores, 0);
+  const std::vector<std::string> lines = stores.OutLines();
+  ASSERT_EQ(lines.size(), 7u);
+  EXPECT_EQ(lines[0],
+            "{\"store\":\"fvhash_store\",\"present\":true,\"in_use_by\":0,\"size_bytes\":" +
+                std::to_string(AllocatedBytes(StoreDir("fvhash_store"))) +
+                ",\"records\":3,\"state\":\"ok\",\"error\":\"\",\"directory\":\"" +
+                StoreDir("fvhash_store") + "\"}");
+  EXPECT_EQ(lines[1],
+            "{\"store\":\"trusted_signers_store\",\"present\":false,\"in_use_by\":0,"
+            "\"size_bytes\":0,\"records\":0,\"state\":\"absent\",\"error\":\"\",\"directory\":\"" +
+                StoreDir("trusted_signers_store") + "\"}");
+}
+
+// ---- dumpfile ----
+
+TEST_F(CtlInspectTest, DumpFilePrintsATableALogAndAManifestRaw) {
+  const std::string path = StoreDir("fvhash_store");
+  WriteStore(path, ThreeVerdicts(), /*compact=*/true);
+  WriteEach(path, {{"dd04", FvhashValue(true)}});
+  const auto before = Snapshot(path);
+  const std::string table = path + "/" + FilesWithSuffix(path, ".ldb").at(0);
+  const ToolRun dumped = RunTool({"dumpfile", table});
+  EXPECT_EXIT_CODE(dumped, 0);
+  EXPECT_EQ(dumped.err, "");
+  // One line per entry: key, sequence, kind and value, escaped by the engine.
+  const std::vector<std::string> lines = dumped.OutLines();
+  ASSERT_EQ(lines.size(), 3u) << dumped.out;
+  EXPECT_EQ(lines[0].rfind("'aa01' @ ", 0), 0u) << lines[0];
+  EXPECT_NE(lines[0].find(" : val => '\\x08\\x01'"), std::string::npos) << lines[0];
+  std::vector<std::string> logs = FilesWithSuffix(path, ".log");
+  std::sort(logs.begin(), logs.end());
+  const ToolRun log = RunTool({"dumpfile", path + "/" + logs.back()});
+  EXPECT_EXIT_CODE(log, 0);
+  EXPECT_NE(log.out.find("put 'dd04' '\\x08\\x01'"), std::string::npos) << log.out;
+  const ToolRun manifest = RunTool({"dumpfile", path + "/" + FileWithPrefix(path, "MANIFEST-")});
+  EXPECT_EXIT_CODE(manifest, 0);
+  EXPECT_NE(manifest.out.find("AddFile: "), std::string::npos) << manifest.out;
+  const ToolRun json = RunTool({"dumpfile", table, "--json"});
+  EXPECT_EXIT_CODE(json, 0);
+  EXPECT_EQ(json.out.rfind("{\"file\":\"" + table + "\",\"dump\":\"'aa01' @ ", 0), 0u) << json.out;
+  EXPECT_EQ(Snapshot(path), before);
+}
+
+TEST_F(CtlInspectTest, DumpFileOfAFileThatIsNotThereOrNoDatabaseFile) {
+  const std::string missing = root_.Sub("000009.ldb");
+  const ToolRun run = RunTool({"dumpfile", missing});
+  EXPECT_EXIT_CODE(run, 1);
+  EXPECT_EQ(run.err, "dravinholdctl: cannot read " + missing + ": No such file or directory\n");
+  const std::string other = root_.Sub("notes.txt");
+  testing_support::WriteFile(other, "x");
+  const ToolRun unknown = RunTool({"dumpfile", other});
+  EXPECT_EXIT_CODE(unknown, 1);
+  EXPECT_EQ(unknown.err, "dravinholdctl: cannot dump " + other + ": Invalid argument: " + other +
+                             ": unknown file type\n");
 }
 
 }  // namespace

@@ -81,17 +81,17 @@ TEST_F(CtlLruScenarioTest, JsonGivesOneObjectPerRowAndOneForTheReport) {
   const ToolRun run = Ctl({"lru", "--json"});
   EXPECT_EXIT_CODE(run, 0);
   EXPECT_EQ(run.err, "");
+  // Protobuf's JSON writes the key, a choice between text and base64, last.
   const std::vector<std::string> expected = {
-      "{\"index\":1,\"key\":\"alpha\",\"last_used\":1700000000,\"date\":\"2023-11-14 22:13:20 "
-      "UTC\",\"state\":\"\"}",
-      "{\"index\":2,\"key\":\"beta\",\"last_used\":1700000100,\"date\":\"2023-11-14 22:15:00 "
-      "UTC\",\"state\":\"superseded\"}",
-      "{\"index\":3,\"key\":\"omega\",\"last_used\":0,\"date\":\"never\",\"state\":\"entry "
-      "gone\"}",
-      "{\"index\":5,\"key\":\"beta\",\"last_used\":1700000100,\"date\":\"2023-11-14 22:15:00 "
-      "UTC\",\"state\":\"\"}",
-      "{\"index\":1000,\"key\":\"gone-key\",\"last_used\":0,\"date\":\"never\",\"state\":\"entry "
-      "gone\"}",
+      "{\"index\":1,\"last_used\":1700000000,\"date\":\"2023-11-14 22:13:20 UTC\",\"state\":\"\","
+      "\"key\":\"alpha\"}",
+      "{\"index\":2,\"last_used\":1700000100,\"date\":\"2023-11-14 22:15:00 UTC\","
+      "\"state\":\"superseded\",\"key\":\"beta\"}",
+      "{\"index\":3,\"last_used\":0,\"date\":\"never\",\"state\":\"entry gone\",\"key\":\"omega\"}",
+      "{\"index\":5,\"last_used\":1700000100,\"date\":\"2023-11-14 22:15:00 UTC\",\"state\":\"\","
+      "\"key\":\"beta\"}",
+      "{\"index\":1000,\"last_used\":0,\"date\":\"never\",\"state\":\"entry gone\","
+      "\"key\":\"gone-key\"}",
       "{\"rows\":5,\"entries\":5,\"rows_without_entry\":2,\"rows_superseded\":1,"
       "\"entries_without_row\":2,\"entries_on_another_key_row\":1,\"undecodable\":0}",
   };
@@ -160,10 +160,9 @@ TEST_F(CtlLruTest, KeysThatAreNotPrintableAreEscaped) {
   EXPECT_EQ(text.OutLines().at(1), Row(1, "never", "h\\x01", "entry gone"));
   const ToolRun json = Ctl({"lru", "--json"});
   EXPECT_EXIT_CODE(json, 0);
-  EXPECT_EQ(
-      json.OutLines().at(0),
-      "{\"index\":1,\"key\":\"h\\u0001\",\"last_used\":0,\"date\":\"never\",\"state\":\"entry "
-      "gone\"}");
+  EXPECT_EQ(json.OutLines().at(0),
+            "{\"index\":1,\"last_used\":0,\"date\":\"never\",\"state\":\"entry gone\","
+            "\"key\":\"h\\u0001\"}");
 }
 
 TEST_F(CtlLruTest, RecordsThatDoNotDecodeAreCountedAndFail) {
@@ -201,11 +200,11 @@ TEST_F(CtlLruTest, MissingDatabaseFailsAndIsNotCreated) {
   EXPECT_EQ(run.err, "dravinholdctl: not present: " + StoreDir("enrichment_store.lru") + "\n");
   EXPECT_FALSE(PathExists(StoreDir("enrichment_store.lru")));
 
-  std::filesystem::create_directory(root_.Sub("empty"));
-  const ToolRun neither = RunAt(root_.Sub("empty"), {"lru"});
+  const std::string empty = root_.Sub("empty");
+  ASSERT_TRUE(std::filesystem::create_directory(empty));
+  const ToolRun neither = RunAt(empty, {"lru"});
   EXPECT_EXIT_CODE(neither, 1);
-  EXPECT_EQ(neither.err,
-            "dravinholdctl: not present: " + root_.Sub("empty") + "/enrichment_store\n");
+  EXPECT_EQ(neither.err, "dravinholdctl: not present: " + empty + "/enrichment_store\n");
 }
 
 TEST_F(CtlLruTest, DamagedOrderOfUseIsReported) {

@@ -67,7 +67,7 @@ std::vector<std::string> ToolRun::OutLines() const { return SplitLines(out); }
 std::vector<std::string> ToolRun::ErrLines() const { return SplitLines(err); }
 
 ToolRun RunTool(const std::vector<std::string>& args, const EnvChanges& env, int timeout_seconds,
-                bool stderr_on_terminal) {
+                bool stderr_on_terminal, const std::string& input_file) {
   std::vector<std::string> argv_texts = {DRAVINHOLDCTL_PATH};
   argv_texts.insert(argv_texts.end(), args.begin(), args.end());
   std::vector<char*> argv = Pointers(argv_texts);
@@ -98,7 +98,7 @@ ToolRun RunTool(const std::vector<std::string>& args, const EnvChanges& env, int
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
     // Only async-signal-safe calls from here on.
-    const int null_fd = open("/dev/null", O_RDONLY);
+    const int null_fd = open(input_file.c_str(), O_RDONLY);
     const int err_fd =
         terminal_name != nullptr ? open(terminal_name, O_RDWR | O_NOCTTY) : err_pipe[1];
     if (null_fd < 0 || err_fd < 0 || dup2(null_fd, 0) < 0 || dup2(out_pipe[1], 1) < 0 ||

@@ -31,11 +31,12 @@ struct ToolRun {
 // Environment changes for a run: a value sets the variable, nullopt removes it.
 using EnvChanges = std::map<std::string, std::optional<std::string>>;
 
-// Runs dravinholdctl with "args", standard input from /dev/null, and kills it
-// after "timeout_seconds". With "stderr_on_terminal" its standard error is a
-// pseudo-terminal rather than a pipe.
+// Runs dravinholdctl with "args", standard input from "input_file" (default
+// /dev/null), and kills it after "timeout_seconds". With "stderr_on_terminal"
+// its standard error is a pseudo-terminal rather than a pipe.
 ToolRun RunTool(const std::vector<std::string>& args, const EnvChanges& env = {},
-                int timeout_seconds = 30, bool stderr_on_terminal = false);
+                int timeout_seconds = 30, bool stderr_on_terminal = false,
+                const std::string& input_file = "/dev/null");
 
 // Runs "dravinholdctl --root <root> args...".
 ToolRun RunAt(const std::string& root, std::vector<std::string> args);

@@ -1,12 +1,20 @@
-// Commands that only read: stores, dump, get, count, stats.
+// Commands that only read: stores, dump, get, count, stats, dumpfile.
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <leveldb/dumpfile.h>
+#include <leveldb/env.h>
+
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "command.h"
+#include "dravinholdctl.pb.h"
 #include "engine.h"
 #include "records.h"
 
@@ -39,51 +47,100 @@ int CountTableFiles(const std::string& path) {
   return tables;
 }
 
+// The exit code of a failed open.
+int OpenFailure(OpenProblem problem, const std::string& error) {
+  return problem == OpenProblem::kCannotCheck ? CannotCheck(error) : Fail(error);
+}
+
+// Standard output for the engine's dump.
+class StandardOutput : public leveldb::WritableFile {
+ public:
+  explicit StandardOutput(std::string* text) : text_(text) {}
+  leveldb::Status Append(const leveldb::Slice& data) override {
+    text_->append(data.data(), data.size());
+    return leveldb::Status::OK();
+  }
+  leveldb::Status Close() override { return leveldb::Status::OK(); }
+  leveldb::Status Flush() override { return leveldb::Status::OK(); }
+  leveldb::Status Sync() override { return leveldb::Status::OK(); }
+
+ private:
+  std::string* text_;
+};
+
 }  // namespace
 
 int RunStores(const Context& context, const Arguments&) {
-  std::printf("%-30s %-8s %-12s %12s %10s  %s\n", "STORE", "PRESENT", "IN USE", "SIZE", "RECORDS",
-              "DIRECTORY");
+  if (!context.json) {
+    std::printf("%-30s %-8s %-12s %12s %10s  %s\n", "STORE", "PRESENT", "IN USE", "SIZE", "RECORDS",
+                "DIRECTORY");
+  }
+  bool damaged = false;
+  bool unchecked = false;
   for (const StoreInfo& store : Stores()) {
     const std::string path = StorePath(context.root, store);
-    const bool present = DirectoryExists(path);
-    const long holder = present ? LockHolder(path) : 0;
-    std::string records = "-";
-    if (present && holder == 0) {
+    StoreLine line;
+    line.set_store(store.name);
+    line.set_directory(path);
+    line.set_present(DirectoryExists(path));
+    line.set_state("absent");
+    if (line.present()) {
+      line.set_in_use_by(static_cast<int32_t>(LockHolder(path)));
+      line.set_size_bytes(static_cast<double>(SizeOnDisk(path)));
       std::string error;
+      OpenProblem problem = OpenProblem::kNone;
       uint64_t count = 0;
-      std::unique_ptr<leveldb::DB> db = OpenExisting(path, false, &error);
+      std::unique_ptr<leveldb::DB> db = OpenExisting(path, false, &error, &problem);
       if (!db) {
-        records = "unreadable";
+        line.set_state(problem == OpenProblem::kCannotCheck ? "could not check" : "damaged");
+        line.set_error(error);
+      } else if (!CountRecords(db.get(), &count, &error)) {
+        line.set_state("damaged");
+        line.set_error(error);
+        line.set_records(static_cast<double>(count));
       } else {
-        records = CountRecords(db.get(), &count, &error) ? std::to_string(count) : "damaged";
+        line.set_state("ok");
+        line.set_records(static_cast<double>(count));
       }
+      damaged = damaged || line.state() == "damaged";
+      unchecked = unchecked || line.state() == "could not check";
     }
-    std::printf("%-30s %-8s %-12s %12s %10s  %s\n", store.name.c_str(), present ? "yes" : "no",
-                holder != 0 ? ("pid " + std::to_string(holder)).c_str() : "no",
-                present ? HumanBytes(SizeOnDisk(path)).c_str() : "-", records.c_str(),
-                path.c_str());
+    if (context.json) {
+      PrintLine(JsonLine(line));
+      continue;
+    }
+    std::string records = "-";
+    if (line.state() == "ok") records = std::to_string(static_cast<uint64_t>(line.records()));
+    if (line.state() == "damaged") records = "damaged";
+    if (line.state() == "could not check") records = "unchecked";
+    std::printf("%-30s %-8s %-12s %12s %10s  %s\n", store.name.c_str(),
+                line.present() ? "yes" : "no",
+                line.in_use_by() != 0 ? ("pid " + std::to_string(line.in_use_by())).c_str() : "no",
+                line.present() ? HumanBytes(static_cast<uint64_t>(line.size_bytes())).c_str() : "-",
+                records.c_str(), path.c_str());
   }
-  return kSuccess;
+  return damaged ? kFailure : unchecked ? kCannotCheck : kSuccess;
 }
 
 int RunDump(const Context& context, const Arguments& arguments) {
   const StoreInfo* store = StoreArgument(arguments, 0);
   if (store == nullptr) return kUsage;
-  const bool json = arguments.Has("--json");
-  const std::string limit_text = arguments.Value("--limit");
+  const std::string limit_text = arguments.Value("limit");
   uint64_t limit = UINT64_MAX;
-  if (arguments.Has("--limit") && !ParseCount(limit_text, &limit)) {
+  if (arguments.Has("limit") && !ParseCount(limit_text, &limit)) {
     std::fprintf(stderr, "dravinholdctl: --limit needs a number, not \"%s\"\n", limit_text.c_str());
     return kUsage;
   }
+  const RecordCodec codec(*store);
   std::string start;
   std::string error;
-  if (arguments.Has("--start") && !EncodeKey(*store, arguments.Value("--start"), &start, &error)) {
+  if (arguments.Has("start") && !codec.ParseKey(arguments.Value("start"), &start, &error)) {
     return Fail(error);
   }
-  std::unique_ptr<leveldb::DB> db = OpenExisting(StorePath(context.root, *store), false, &error);
-  if (!db) return Fail(error);
+  OpenProblem problem = OpenProblem::kNone;
+  std::unique_ptr<leveldb::DB> db =
+      OpenExisting(StorePath(context.root, *store), false, &error, &problem);
+  if (!db) return OpenFailure(problem, error);
 
   uint64_t shown = 0;
   uint64_t undecodable = 0;
@@ -91,8 +148,11 @@ int RunDump(const Context& context, const Arguments& arguments) {
       Walk(db.get(), start, [&](const leveldb::Slice& key, const leveldb::Slice& value) {
         if (shown >= limit) return false;
         std::string line;
-        if (!FormatRecord(*store, {key.ToString(), value.ToString()}, json, &line)) ++undecodable;
-        std::printf("%s\n", line.c_str());
+        const RawRecord record{key.ToString(), value.ToString()};
+        if (!(context.json ? codec.Json(record, &line) : codec.Text(record, &line))) {
+          ++undecodable;
+        }
+        PrintLine(line);
         ++shown;
         return true;
       });
@@ -111,24 +171,30 @@ int RunGet(const Context& context, const Arguments& arguments) {
   const StoreInfo* store = StoreArgument(arguments, 0);
   if (store == nullptr) return kUsage;
   const std::string& key_text = arguments.positional()[1];
+  const RecordCodec codec(*store);
   std::string key;
   std::string error;
-  if (!EncodeKey(*store, key_text, &key, &error)) return Fail(error);
-  std::unique_ptr<leveldb::DB> db = OpenExisting(StorePath(context.root, *store), false, &error);
-  if (!db) return Fail(error);
+  if (!codec.ParseKey(key_text, &key, &error)) return Fail(error);
+  OpenProblem problem = OpenProblem::kNone;
+  std::unique_ptr<leveldb::DB> db =
+      OpenExisting(StorePath(context.root, *store), false, &error, &problem);
+  if (!db) return OpenFailure(problem, error);
   std::string value;
   leveldb::ReadOptions options;
   options.verify_checksums = true;
   const leveldb::Status status = db->Get(options, key, &value);
   if (status.IsNotFound()) {
     const leveldb::Status damage = OpenDamage(db.get());
-    return Fail("not found in " + store->name + ": " + key_text +
+    // A message key is named as the operator wrote it, not by its bytes.
+    return Fail("not found in " + store->name + ": " +
+                (store->key != nullptr ? key_text : Quoted(key)) +
                 (damage.ok() ? "" : "; the store is damaged: " + damage.ToString()));
   }
   if (!status.ok()) return Fail(store->name + ": " + status.ToString());
   std::string line;
-  const bool decoded = FormatRecord(*store, {key, value}, arguments.Has("--json"), &line);
-  std::printf("%s\n", line.c_str());
+  const RawRecord record{key, value};
+  const bool decoded = context.json ? codec.Json(record, &line) : codec.Text(record, &line);
+  PrintLine(line);
   return decoded ? kSuccess : Fail("the record could not be decoded");
 }
 
@@ -136,14 +202,23 @@ int RunCount(const Context& context, const Arguments& arguments) {
   const StoreInfo* store = StoreArgument(arguments, 0);
   if (store == nullptr) return kUsage;
   std::string error;
-  std::unique_ptr<leveldb::DB> db = OpenExisting(StorePath(context.root, *store), false, &error);
-  if (!db) return Fail(error);
+  OpenProblem problem = OpenProblem::kNone;
+  std::unique_ptr<leveldb::DB> db =
+      OpenExisting(StorePath(context.root, *store), false, &error, &problem);
+  if (!db) return OpenFailure(problem, error);
   uint64_t count = 0;
   if (!CountRecords(db.get(), &count, &error)) {
     return Fail(store->name + " is damaged: " + error + " (" + std::to_string(count) +
                 " records readable)");
   }
-  std::printf("%" PRIu64 "\n", count);
+  if (context.json) {
+    CountAnswer answer;
+    answer.set_store(store->name);
+    answer.set_records(static_cast<double>(count));
+    PrintLine(JsonLine(answer));
+  } else {
+    std::printf("%" PRIu64 "\n", count);
+  }
   return kSuccess;
 }
 
@@ -152,16 +227,52 @@ int RunStats(const Context& context, const Arguments& arguments) {
   if (store == nullptr) return kUsage;
   const std::string path = StorePath(context.root, *store);
   std::string error;
-  std::unique_ptr<leveldb::DB> db = OpenExisting(path, false, &error);
-  if (!db) return Fail(error);
-  std::string stats;
-  std::string sstables;
-  db->GetProperty("leveldb.stats", &stats);
-  db->GetProperty("leveldb.sstables", &sstables);
+  OpenProblem problem = OpenProblem::kNone;
+  std::unique_ptr<leveldb::DB> db = OpenExisting(path, false, &error, &problem);
+  if (!db) return OpenFailure(problem, error);
+  StatsAnswer answer;
+  answer.set_store(store->name);
+  answer.set_directory(path);
+  answer.set_size_bytes(static_cast<double>(SizeOnDisk(path)));
+  answer.set_table_files(CountTableFiles(path));
+  db->GetProperty("leveldb.stats", answer.mutable_leveldb_stats());
+  db->GetProperty("leveldb.sstables", answer.mutable_sstables());
+  if (context.json) {
+    PrintLine(JsonLine(answer));
+    return kSuccess;
+  }
   std::printf("store:        %s\ndirectory:    %s\nsize on disk: %s (%" PRIu64
               " bytes)\ntable files:  %d\n\n%s\n%s",
-              store->name.c_str(), path.c_str(), HumanBytes(SizeOnDisk(path)).c_str(),
-              SizeOnDisk(path), CountTableFiles(path), stats.c_str(), sstables.c_str());
+              store->name.c_str(), path.c_str(),
+              HumanBytes(static_cast<uint64_t>(answer.size_bytes())).c_str(),
+              static_cast<uint64_t>(answer.size_bytes()), answer.table_files(),
+              answer.leveldb_stats().c_str(), answer.sstables().c_str());
+  return kSuccess;
+}
+
+int RunDumpFile(const Context& context, const Arguments& arguments) {
+  const std::string& file = arguments.positional()[0];
+  const int readable = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (readable < 0) {
+    // A file that is not there is a wrong argument; one the tool may not
+    // read is a file it could not check.
+    const int error = errno;
+    const std::string message = "cannot read " + file + ": " + std::strerror(error);
+    return error == ENOENT ? Fail(message) : CannotCheck(message);
+  }
+  close(readable);
+  std::string text;
+  StandardOutput out(&text);
+  const leveldb::Status status = leveldb::DumpFile(leveldb::Env::Default(), file, &out);
+  if (!status.ok()) return Fail("cannot dump " + file + ": " + status.ToString());
+  if (context.json) {
+    FileDump answer;
+    answer.set_file(file);
+    answer.set_dump(text);
+    PrintLine(JsonLine(answer));
+  } else {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+  }
   return kSuccess;
 }
 

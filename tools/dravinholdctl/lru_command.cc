@@ -10,6 +10,7 @@
 #include "command.h"
 #include "dravinhold/enrichment_store/enrichment_lru_store.pb.h"
 #include "dravinhold/enrichment_store/enrichment_store.pb.h"
+#include "dravinholdctl.pb.h"
 #include "engine.h"
 #include "records.h"
 
@@ -78,32 +79,45 @@ bool LoadEntries(leveldb::DB* db, std::map<std::string, EntryOrder>* entries, Re
 void PrintRow(bool json, uint64_t index, const std::string& key, int64_t last_used,
               const char* state) {
   if (json) {
-    std::printf("{\"index\":%" PRIu64 ",\"key\":%s,\"last_used\":%" PRId64
-                ",\"date\":\"%s\",\"state\":\"%s\"}\n",
-                index, JsonString(key).c_str(), last_used, Date(last_used).c_str(), state);
+    LruRow row;
+    row.set_index(static_cast<double>(index));
+    if (IsUtf8(key)) {
+      row.set_key(key);
+    } else {
+      row.set_key_base64(key);
+    }
+    row.set_last_used(static_cast<double>(last_used));
+    row.set_date(Date(last_used));
+    row.set_state(state);
+    PrintLine(JsonLine(row));
   } else {
     std::printf("%20" PRIu64 "  %-23s  %s%s%s\n", index, Date(last_used).c_str(),
                 Quoted(key).c_str(), *state ? "  " : "", state);
   }
 }
 
+int OpenFailure(OpenProblem problem, const std::string& error) {
+  return problem == OpenProblem::kCannotCheck ? CannotCheck(error) : Fail(error);
+}
+
 }  // namespace
 
 int RunLru(const Context& context, const Arguments& arguments) {
-  const bool json = arguments.Has("--json");
-  const std::string limit_text = arguments.Value("--limit");
+  const bool json = context.json;
+  const std::string limit_text = arguments.Value("limit");
   uint64_t limit = UINT64_MAX;
-  if (arguments.Has("--limit") && !ParseCount(limit_text, &limit)) {
+  if (arguments.Has("limit") && !ParseCount(limit_text, &limit)) {
     std::fprintf(stderr, "dravinholdctl: --limit needs a number, not \"%s\"\n", limit_text.c_str());
     return kUsage;
   }
   std::string error;
-  std::unique_ptr<leveldb::DB> main_db =
-      OpenExisting(StorePath(context.root, *FindStore("enrichment_store")), false, &error);
-  if (!main_db) return Fail(error);
-  std::unique_ptr<leveldb::DB> lru_db =
-      OpenExisting(StorePath(context.root, *FindStore("enrichment_store.lru")), false, &error);
-  if (!lru_db) return Fail(error);
+  OpenProblem problem = OpenProblem::kNone;
+  std::unique_ptr<leveldb::DB> main_db = OpenExisting(
+      StorePath(context.root, *FindStore("enrichment_store")), false, &error, &problem);
+  if (!main_db) return OpenFailure(problem, error);
+  std::unique_ptr<leveldb::DB> lru_db = OpenExisting(
+      StorePath(context.root, *FindStore("enrichment_store.lru")), false, &error, &problem);
+  if (!lru_db) return OpenFailure(problem, error);
 
   Report report;
   std::map<std::string, EntryOrder> entries;
@@ -150,11 +164,15 @@ int RunLru(const Context& context, const Arguments& arguments) {
     }
   }
   if (json) {
-    std::printf("{\"rows\":%" PRIu64 ",\"entries\":%" PRIu64 ",\"rows_without_entry\":%" PRIu64
-                ",\"rows_superseded\":%" PRIu64 ",\"entries_without_row\":%" PRIu64
-                ",\"entries_on_another_key_row\":%" PRIu64 ",\"undecodable\":%" PRIu64 "}\n",
-                report.rows, report.entries, report.rows_without_entry, report.rows_superseded,
-                report.entries_without_row, report.entries_on_another_key_row, report.undecodable);
+    LruReport summary;
+    summary.set_rows(static_cast<double>(report.rows));
+    summary.set_entries(static_cast<double>(report.entries));
+    summary.set_rows_without_entry(static_cast<double>(report.rows_without_entry));
+    summary.set_rows_superseded(static_cast<double>(report.rows_superseded));
+    summary.set_entries_without_row(static_cast<double>(report.entries_without_row));
+    summary.set_entries_on_another_key_row(static_cast<double>(report.entries_on_another_key_row));
+    summary.set_undecodable(static_cast<double>(report.undecodable));
+    PrintLine(JsonLine(summary));
   } else {
     const auto line = [](const char* label, uint64_t value) {
       std::printf("  %-45s %" PRIu64 "\n", label, value);

@@ -13,21 +13,21 @@ namespace dravinholdctl {
 const std::vector<StoreInfo>& Stores() {
   static const std::vector<StoreInfo> stores = {
       {"fvhash_store", nullptr, proto::FVhashStore::Value::descriptor(),
-       proto::FVhashStore::Data::descriptor()},
+       proto::FVhashStore::Data::descriptor(), true},
       {"trusted_signers_store", nullptr, proto::TrustedSignersStore::Value::descriptor(),
-       proto::TrustedSignersStore::Data::descriptor()},
+       proto::TrustedSignersStore::Data::descriptor(), true},
       {"trusted_signers_cache", nullptr, proto::TrustedSignersCacheStore::Value::descriptor(),
-       proto::TrustedSignersCacheStore::Data::descriptor()},
+       proto::TrustedSignersCacheStore::Data::descriptor(), false},
       {"general_settings_policy_store", proto::GeneralSettingsPolicyStore::Key::descriptor(),
        proto::GeneralSettingsPolicyStore::Value::descriptor(),
-       proto::GeneralSettingsPolicyStore::Data::descriptor()},
+       proto::GeneralSettingsPolicyStore::Data::descriptor(), false},
       {"process_settings_policy_store", proto::ProcessSettingsPolicyStore::Key::descriptor(),
        proto::ProcessSettingsPolicyStore::Value::descriptor(),
-       proto::ProcessSettingsPolicyStore::Data::descriptor()},
+       proto::ProcessSettingsPolicyStore::Data::descriptor(), false},
       {"enrichment_store", nullptr, proto::EnrichmentStore::Value::descriptor(),
-       proto::EnrichmentStore::Data::descriptor()},
+       proto::EnrichmentStore::Data::descriptor(), false},
       {"enrichment_store.lru", nullptr, proto::EnrichmentLruStore::Value::descriptor(),
-       proto::EnrichmentLruStore::Data::descriptor()},
+       proto::EnrichmentLruStore::Data::descriptor(), false},
   };
   return stores;
 }

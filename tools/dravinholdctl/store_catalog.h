@@ -16,6 +16,9 @@ struct StoreInfo {
   const google::protobuf::Descriptor* value;
   // The bulk message: repeated "entries" of "key" and "value".
   const google::protobuf::Descriptor* data;
+  // The family writes its keys in lower case, so an import does too: a key
+  // in upper case would never be found by the family's checks.
+  bool lower_case_keys;
 };
 
 // The six stores and the enrichment store's order of use
