@@ -134,6 +134,7 @@ void RegisterFVhashBenchmarks();
 void RegisterPolicyBenchmarks();
 void RegisterEnrichmentBenchmarks();
 void RegisterFirstUseBenchmarks();
+void RegisterRepairBenchmarks();
 
 // The child side of the peak-memory benchmarks: runs one FVhashStore_Put or
 // its raw equivalent in a fresh process and prints the peak. Returns the

@@ -92,6 +92,7 @@ int main(int argc, char** argv) {
   bench::RegisterPolicyBenchmarks();
   bench::RegisterEnrichmentBenchmarks();
   bench::RegisterFirstUseBenchmarks();
+  bench::RegisterRepairBenchmarks();
 
   bench::RatioReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_ColorTabular
                                                       : benchmark::ConsoleReporter::OO_Tabular);

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -168,7 +169,10 @@ void DB::FlagCorruption(const leveldb::Status& status) {
 }
 
 leveldb::Status DB::FailureTail(const leveldb::Status& engine_status, const char* operation) {
-  const leveldb::Status status = AsDamage(engine_status);
+  return ReportFailure(AsDamage(engine_status), operation);
+}
+
+leveldb::Status DB::ReportFailure(const leveldb::Status& status, const char* operation) {
   FlagCorruption(status);
   REPORT_STDERR(path_, operation, status);
   (void)CHECK_STDERR(status.ok(), "status.cond()");
@@ -195,6 +199,18 @@ bool IsTableName(const std::string& name) {
   return EndsWith(name, ".ldb") || EndsWith(name, ".sst");
 }
 
+// The files the engine reads back: tables, logs, the MANIFEST and CURRENT.
+// Its temporary files, LOCK and its info log are not the data.
+bool IsDataFileName(const std::string& name) {
+  return IsTableName(name) || EndsWith(name, ".log") || name.compare(0, 9, "MANIFEST-") == 0 ||
+         name == "CURRENT";
+}
+
+bool IsRegularFile(const std::string& path) {
+  struct stat info;
+  return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
 }  // namespace
 
 // The engine names a file of the database that is malformed or of the wrong
@@ -214,7 +230,7 @@ leveldb::Status DB::AsDamage(const leveldb::Status& status) const {
   if (colon == std::string::npos) return status;
   const std::string name = text.substr(prefix.size(), colon - prefix.size());
   const std::string reason = text.substr(colon + 2);
-  if (name.empty() || name.find('/') != std::string::npos) return status;
+  if (name.find('/') != std::string::npos || !IsDataFileName(name)) return status;
   const bool damaged =
       status.IsIOError()
           ? reason == strerror(EINVAL) || reason == strerror(ENODEV) || reason == strerror(EISDIR)
@@ -233,7 +249,10 @@ leveldb::Status DB::CheckCurrentFile(leveldb::Env* env) const {
   std::vector<std::string> children;
   if (!env->GetChildren(path_, &children).ok()) return leveldb::Status::OK();
   for (const std::string& name : children) {
-    if (name.compare(0, 9, "MANIFEST-") == 0 || IsTableName(name)) {
+    // Only files: what a failed destruction leaves behind (a directory under
+    // a table's name) is no database, and the recreation goes on over it.
+    if ((name.compare(0, 9, "MANIFEST-") == 0 || IsTableName(name)) &&
+        IsRegularFile(path_ + "/" + name)) {
       return leveldb::Status::Corruption(current, "missing from a database that has files");
     }
   }
@@ -742,7 +761,7 @@ leveldb::Status DB::Destroy() {
   filter_policy_.reset();
   // Default options, not those of the last Open: the directory is going away.
   leveldb::Status status = Guarded([this] { return leveldb::DestroyDB(path_, OptionsForEnv()); });
-  if (!status.ok()) FailureTail(status, "Destroy");
+  if (!status.ok()) ReportFailure(status, "Destroy");
   corrupted_ = false;
   return status;
 }
@@ -787,7 +806,7 @@ leveldb::Status DB::Repair() {
     if (!salvaged.ok()) return salvaged;
     return leveldb::RepairDB(path_, options);
   });
-  return status.ok() ? status : FailureTail(status, "Repair");
+  return status.ok() ? status : ReportFailure(status, "Repair");
 }
 
 leveldb::Status DB::Compact() {

@@ -228,6 +228,10 @@ class DRAVINHOLD_EXPORT DB {
   // The same for reads, where NotFound is an ordinary result.
   leveldb::Status ReadFailureTail(const leveldb::Status& engine_status, const char* operation);
 
+  // The failure tail without AsDamage: for Destroy and Repair, whose failures
+  // say nothing new about the data.
+  leveldb::Status ReportFailure(const leveldb::Status& status, const char* operation);
+
   // "status", or Corruption with the same text when the engine's I/O error
   // says that a file of this database is malformed or of the wrong kind.
   leveldb::Status AsDamage(const leveldb::Status& status) const;

@@ -937,7 +937,9 @@ bool PersistentLruStore<KeyT, ValueT, DataT, LruValueT, LruDataT>::CheckValidity
     // emptied and rebuilt whole.
     uint64_t without_row = 0;
     if (!CountEntriesWithoutRow(&without_row).ok() || without_row == 0) return true;
-    LOG_LINE(EnrichmentLogger, Poco::Message::PRIO_WARNING,
+    // Information, as the rebuild's own lines: notes dropped at an exit or a
+    // crash leave entries without rows as well, and that is no fault.
+    LOG_LINE(EnrichmentLogger, Poco::Message::PRIO_INFORMATION,
              "%?d entries have no row in '%s'. Rebuilding it.", without_row, lru_store_.path());
     const Status cleared = lru_store_.Clear(false);
     if (!cleared.ok()) {

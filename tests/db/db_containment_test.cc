@@ -223,8 +223,9 @@ TEST(DBLogSalvage, ALogWithoutDamageIsLeftByteForByte) {
   EXPECT_EQ(testing_support::ReadFile(log), before);
 }
 
-// Records of 100 KiB span four blocks; damage in a later record keeps the
-// whole records before it, fragments and all.
+// Records of 100 KiB span four blocks; damage in one record keeps the whole
+// records before it, fragments and all, and the reading picks up again at the
+// next record that starts in a later block.
 TEST(DBLogSalvage, RecordsThatSpanBlocksBeforeTheDamageAreKeptWhole) {
   TempDir dir;
   const std::string path = dir.Sub("db");
@@ -237,7 +238,13 @@ TEST(DBLogSalvage, RecordsThatSpanBlocksBeforeTheDamageAreKeptWhole) {
   EXPECT_TRUE(persistence::SalvageLogs(leveldb::Env::Default(), path).ok());
   DB db(path);
   ASSERT_TRUE(db.Open(true, false, false, 0).ok());
-  EXPECT_EQ(DumpAll(db), Entries(entries.begin(), entries.begin() + 4));
+  const Entries kept = DumpAll(db);
+  std::vector<std::string> kept_keys;
+  for (const auto& [key, value] : kept) {
+    kept_keys.push_back(key);
+    EXPECT_EQ(value, entries[std::stoi(key.substr(1))].second) << key;
+  }
+  EXPECT_EQ(kept_keys, (std::vector<std::string>{"k0000", "k0001", "k0002", "k0003", "k0005"}));
 }
 
 // --- Compactions over damaged blocks --------------------------------------
@@ -255,8 +262,7 @@ TEST(DBDamagedCompaction, ACompactionOverADamagedBlockFailsTheNextWriteOnEveryHa
     EXPECT_TRUE(db.Compact().ok());
     StderrCapture capture;
     const leveldb::Status status = db.Put("z", "1", false);
-    EXPECT_EQ(status.ToString(), "Corruption: block checksum mismatch: " + path + "/" + table)
-        << paranoid_checks;
+    EXPECT_EQ(status.ToString(), "Corruption: block checksum mismatch") << paranoid_checks;
   }
 }
 

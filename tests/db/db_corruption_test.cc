@@ -287,7 +287,10 @@ TEST(DBDamagedTable, FlippedBytesFailVerifyWithoutFlagWithoutParanoidChecks) {
   EXPECT_THAT(capture.Lines(), IsEmpty());
 }
 
-TEST(DBDamagedTable, TruncatedTableFailsVerifyWithAnIOErrorThatDoesNotFlag) {
+// The engine calls a read past the end of a cut table an I/O error
+// ("Invalid argument" from the mapping); it says the table is damaged, and
+// the handle reports it as Corruption, which flags a paranoid handle.
+TEST(DBDamagedTable, TruncatedTableFailsVerifyWithCorruptionThatFlags) {
   TempDir dir;
   const std::string path = dir.Sub("db");
   const std::string table = db_test::WriteTable(path, ManyEntries("k"));
@@ -298,13 +301,28 @@ TEST(DBDamagedTable, TruncatedTableFailsVerifyWithAnIOErrorThatDoesNotFlag) {
   ASSERT_TRUE(db.Open(true, false, false, 0).ok());
   // The engine reads the footer where the table's recorded size puts it,
   // past the end of what is left.
-  const std::string cut = "IO error: " + table_path + ": Invalid argument";
+  const std::string cut = "Corruption: " + table_path + ": Invalid argument";
   {
     StderrCapture capture;
     EXPECT_EQ(db.Verify().ToString(), cut);
     EXPECT_THAT(capture.Lines(), ElementsAre(ReportLine(path, "Verify", cut), StatusOkCheck()));
   }
-  EXPECT_FALSE(db.corrupted());
+  EXPECT_TRUE(db.corrupted());
+  std::string value = "stale";
+  StderrCapture capture;
+  EXPECT_EQ(db.Get("k1000", &value, nullptr).ToString(), kCorrupted);
+  EXPECT_EQ(value, "");
+}
+
+TEST(DBDamagedTable, TruncatedTableMeetsAGetOfAHandleWithoutParanoidChecksAsCorruption) {
+  TempDir dir;
+  const std::string path = dir.Sub("db");
+  const std::string table = db_test::WriteTable(path, ManyEntries("k"));
+  const std::string table_path = path + "/" + table;
+  testing_support::TruncateFile(table_path, 20);
+  DBProbe db(path);
+  ASSERT_TRUE(db.Open(false, false, false, 0).ok());
+  const std::string cut = "Corruption: " + table_path + ": Invalid argument";
   std::string value = "stale";
   StderrCapture capture;
   EXPECT_EQ(db.Get("k1000", &value, nullptr).ToString(), cut);
@@ -355,35 +373,43 @@ TEST(DBDamagedTable, RepairSetsADamagedTableAsideAndKeepsTheRest) {
   EXPECT_FALSE(db.corrupted());
 }
 
-TEST(DBDamagedTable, RepairDoesNotCheckBlocksAndKeepsADamagedTableWhole) {
+// The repair reads tables with block checksums verified: the damaged block
+// is left out of the repaired table, and every record it keeps is whole.
+TEST(DBDamagedTable, RepairChecksBlocksAndLeavesOutOnlyTheDamagedBlock) {
   TempDir dir;
   const std::string path = dir.Sub("db");
   const Entries entries = ManyEntries("k");
-  const std::string table = db_test::WriteTable(path, entries);
+  db_test::WriteTable(path, entries);
   ASSERT_EQ(testing_support::DamageTableFiles(path), 1);
   DB db(path);
   StderrCapture capture;
   EXPECT_TRUE(db.Repair().ok());
   EXPECT_THAT(capture.Lines(), IsEmpty());
-  EXPECT_THAT(testing_support::FilesWithSuffix(path, ".ldb"), ElementsAre(table));
   leveldb::Status status;
   const Entries after = db_test::ReadAll(path, &status);
   ASSERT_TRUE(status.ok()) << status.ToString();
-  // Every key is still there; the flipped bytes lie in the value of k1050.
-  ASSERT_EQ(db_test::KeysOf(after), db_test::KeysOf(entries));
-  for (size_t i = 0; i < entries.size(); ++i) {
-    if (entries[i].first == "k1050") {
-      EXPECT_NE(after[i].second, entries[i].second);
-      EXPECT_EQ(after[i].second.size(), entries[i].second.size());
+  // The flipped bytes lie in the value of k1050: its block goes, one run of
+  // neighbouring keys, about forty records of 110 bytes in 4 KiB.
+  std::vector<std::string> lost;
+  size_t next = 0;
+  for (const auto& entry : entries) {
+    if (next < after.size() && after[next].first == entry.first) {
+      EXPECT_EQ(after[next].second, entry.second) << entry.first;
+      ++next;
     } else {
-      EXPECT_EQ(after[i].second, entries[i].second) << entries[i].first;
+      lost.push_back(entry.first);
     }
   }
-  // The damage is still found by the next Verify.
+  EXPECT_EQ(next, after.size());
+  ASSERT_FALSE(lost.empty());
+  EXPECT_LE(lost.size(), 45u);
+  EXPECT_NE(std::find(lost.begin(), lost.end(), "k1050"), lost.end());
+  EXPECT_EQ(std::stoi(lost.back().substr(1)) - std::stoi(lost.front().substr(1)) + 1,
+            static_cast<int>(lost.size()));
+  // What is left verifies.
   DBProbe reopened(path);
   ASSERT_TRUE(reopened.Open(true, false, false, 0).ok());
-  EXPECT_EQ(reopened.Verify().ToString(), "Corruption: block checksum mismatch");
-  EXPECT_TRUE(reopened.corrupted());
+  EXPECT_TRUE(reopened.Verify().ok());
 }
 
 // --- Damaged log files ----------------------------------------------------------
@@ -404,13 +430,6 @@ void DamageFifthLogRecord(const std::string& log) {
   FlipBytes(log, at + 2, 1);
 }
 
-// "value4" with its third byte inverted.
-std::string DamagedFifthValue() {
-  std::string value = "value4";
-  value[2] = static_cast<char>(~value[2]);
-  return value;
-}
-
 TEST(DBDamagedLog, ParanoidOpenFailsSilentlyWithCorruption) {
   TempDir dir;
   const std::string path = dir.Sub("db");
@@ -424,21 +443,25 @@ TEST(DBDamagedLog, ParanoidOpenFailsSilentlyWithCorruption) {
   EXPECT_FALSE(db.corrupted());
 }
 
-TEST(DBDamagedLog, OpenWithoutParanoidChecksDropsTheDamagedRecordAndTheRestOfItsBlock) {
+// The engine always runs with paranoid checks, so that its compactions
+// verify what they rewrite: a damaged log record fails the open whatever the
+// handle's own policy.
+TEST(DBDamagedLog, OpenWithoutParanoidChecksFailsOnADamagedRecordToo) {
   TempDir dir;
   const std::string path = dir.Sub("db");
   db_test::WriteEntries(path, kTenEntries);
   DamageFifthLogRecord(OnlyLog(path));
   DBProbe db(path);
   StderrCapture capture;
-  ASSERT_TRUE(db.Open(false, false, false, 0).ok());
+  EXPECT_EQ(db.Open(false, false, false, 0).ToString(), "Corruption: checksum mismatch");
   EXPECT_THAT(capture.Lines(), IsEmpty());
-  std::vector<std::string> keys;
-  ASSERT_TRUE(db.Dump(&keys, nullptr, nullptr).ok());
-  EXPECT_THAT(keys, ElementsAre("key0", "key1", "key2", "key3"));
+  EXPECT_FALSE(db.is_open());
 }
 
-TEST(DBDamagedLog, RepairDoesNotCheckTheLogAndKeepsTheDamagedRecord) {
+// The repair is given a log with only the records that verify: the damaged
+// record and the rest of its block are dropped, as the engine's own recovery
+// drops them, instead of being replayed as written.
+TEST(DBDamagedLog, RepairDropsTheDamagedRecordAndTheRestOfItsBlock) {
   TempDir dir;
   const std::string path = dir.Sub("db");
   db_test::WriteEntries(path, kTenEntries);
@@ -451,20 +474,18 @@ TEST(DBDamagedLog, RepairDoesNotCheckTheLogAndKeepsTheDamagedRecord) {
   EXPECT_TRUE(db.Repair().ok());
   EXPECT_THAT(capture.Lines(), IsEmpty());
   EXPECT_FALSE(db.is_open());
-  // The log is turned into a table and set aside.
+  // The salvaged log is turned into a table and set aside.
   EXPECT_THAT(testing_support::FilesWithSuffix(path, ".log"), IsEmpty());
   EXPECT_EQ(testing_support::FilesWithSuffix(path, ".ldb").size(), 1u);
   EXPECT_TRUE(db_test::Exists(path + "/lost/" + log.substr(path.size() + 1)));
 
-  Entries expected = kTenEntries;
-  expected[4].second = DamagedFifthValue();
+  const Entries expected(kTenEntries.begin(), kTenEntries.begin() + 4);
   ASSERT_TRUE(db.Open(true, false, false, 0).ok());
   std::vector<std::string> keys;
   std::vector<std::string> values;
   ASSERT_TRUE(db.Dump(&keys, &values, nullptr).ok());
   EXPECT_EQ(keys, db_test::KeysOf(expected));
   EXPECT_EQ(values, db_test::ValuesOf(expected));
-  // The table written by the repair is sound in itself.
   EXPECT_TRUE(db.Verify().ok());
 }
 
@@ -500,7 +521,7 @@ TEST(DBMissingCurrent, OpenFailsAndRepairBringsEveryRecordBack) {
   {
     StderrCapture capture;
     EXPECT_EQ(db.Open(true, false, false, 0).ToString(),
-              "Invalid argument: " + path + ": does not exist (create_if_missing is false)");
+              "Corruption: " + path + "/CURRENT: missing from a database that has files");
     EXPECT_THAT(capture.Lines(), IsEmpty());
   }
   EXPECT_FALSE(db.is_open());

@@ -155,10 +155,10 @@ TEST_F(LruTest, CurrentIndexIntoNullIsCode2WithTheCheckLine) {
   ASSERT_EQ(store.Open(path_, 0), Ok());
   log_.clear();
   EXPECT_EQ(store.GetCurrentLruIndex(nullptr), St(2, "Invalid argument: index: nullptr"));
-  EXPECT_EQ(Lines(log_),
-            (std::vector<Line>{{kError, CheckHeader("CHECK_LOGGED(EnrichmentLogger, index,",
-                                                    "index") +
-                                            "Invalid out parameter, index is NULL"}}));
+  EXPECT_EQ(
+      Lines(log_),
+      (std::vector<Line>{{kError, CheckHeader("CHECK_LOGGED(EnrichmentLogger, index,", "index") +
+                                      "Invalid out parameter, index is NULL"}}));
 }
 
 TEST_F(LruTest, LastKeyWithANonDigitRestartsTheNumberingAtZero) {

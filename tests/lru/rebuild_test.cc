@@ -58,14 +58,14 @@ TEST_F(LruTest, EntriesWithoutTheirRowBesideOthersAreRebuiltWhole) {
                                     {"c", {kWallStart - 10, 1005}}}));
   EXPECT_EQ(store.current_index(), 1005u);
   const std::string miss = "Failed to get entry from LRU, error=3, message=NotFound: ";
-  EXPECT_EQ(Lines(log_),
-            (std::vector<Line>{{kWarning, "2 entries have no row in '" + lru_path_ +
-                                              "'. Rebuilding it."},
-                               {kInfo, "Rebuilding '" + lru_path_ + "'..."},
-                               {kTrace, miss},
-                               {kTrace, miss},
-                               {kTrace, miss},
-                               {kInfo, "Successfully completed rebuilding '" + lru_path_ + "'."}}));
+  EXPECT_EQ(
+      Lines(log_),
+      (std::vector<Line>{{kInfo, "2 entries have no row in '" + lru_path_ + "'. Rebuilding it."},
+                         {kInfo, "Rebuilding '" + lru_path_ + "'..."},
+                         {kTrace, miss},
+                         {kTrace, miss},
+                         {kTrace, miss},
+                         {kInfo, "Successfully completed rebuilding '" + lru_path_ + "'."}}));
 }
 
 TEST_F(LruTest, AnEntryWhoseNoteIsPendingIsNotMissingItsRow) {
