@@ -18,10 +18,12 @@ install(TARGETS dravinhold EXPORT dravinholdTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     COMPONENT runtime NAMELINK_COMPONENT development)
 
+# persistence/testing holds the test-only seams: not part of the interface.
 install(DIRECTORY persistence nix
   DESTINATION ${DRAVINHOLD_INCLUDE_DEST}
   COMPONENT development
-  FILES_MATCHING PATTERN "*.h")
+  FILES_MATCHING PATTERN "*.h"
+  PATTERN "testing" EXCLUDE)
 install(DIRECTORY "${CMAKE_BINARY_DIR}/generated/dravinhold"
   DESTINATION ${DRAVINHOLD_INCLUDE_DEST}
   COMPONENT development
@@ -49,7 +51,9 @@ install(FILES "${CMAKE_BINARY_DIR}/dravinhold.pc"
 
 install(TARGETS dravinholdctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 
-install(TARGETS zerla_common LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT standin)
+# In the CMake package too: the installed headers call the common library.
+install(TARGETS zerla_common EXPORT dravinholdTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT standin)
 install(DIRECTORY zerla_common/include/
   DESTINATION ${DRAVINHOLD_INCLUDE_DEST}
   COMPONENT standin)

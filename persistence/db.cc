@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "persistence/report.h"
+#include "persistence/testing/seams.h"
 
 namespace persistence {
 namespace {
@@ -91,7 +92,9 @@ const std::string& DB::NullKey() {
 
 bool DB::IsNullKey(const std::string& key) { return key == NullKey(); }
 
-void DB::SetEnvForTesting(leveldb::Env* env) { test_env.store(env); }
+namespace testing {
+void SetEnvForTesting(leveldb::Env* env) { test_env.store(env); }
+}  // namespace testing
 
 leveldb::Options DB::OptionsForEnv() const {
   leveldb::Options options;
