@@ -72,12 +72,13 @@ install(TARGETS dravinhold EXPORT dravinholdTargets
     COMPONENT runtime NAMELINK_COMPONENT development)
 dravinhold_package_without_rpath(dravinhold ${CMAKE_INSTALL_LIBDIR} runtime)
 
-# Its headers. The test clock seam is not part of the interface.
+# Its headers. The test-only seams (persistence/testing) are not part of the
+# interface.
 install(DIRECTORY persistence nix
   DESTINATION ${DRAVINHOLD_INCLUDE_DEST}
   COMPONENT development
   FILES_MATCHING PATTERN "*.h"
-  PATTERN "clock.h" EXCLUDE)
+  PATTERN "testing" EXCLUDE)
 install(DIRECTORY "${CMAKE_BINARY_DIR}/generated/dravinhold"
   DESTINATION ${DRAVINHOLD_INCLUDE_DEST}
   COMPONENT development
@@ -128,7 +129,8 @@ install(FILES "${DRAVINHOLD_PACKAGING_DIR}/dravinholdctl.1.gz"
   COMPONENT tools)
 
 # The stand-in of the agent's common library, and its headers on their own.
-install(TARGETS zerla_common
+# In the CMake package too: the installed headers call the common library.
+install(TARGETS zerla_common EXPORT dravinholdTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     COMPONENT standin NAMELINK_COMPONENT standin_development)
 install(DIRECTORY zerla_common/include/
@@ -194,7 +196,7 @@ dravinhold_package_docs(runtime "${DRAVINHOLD_DEB_LIBRARY}")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME "libdravinhold-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-  "${DRAVINHOLD_DEB_LIBRARY} (= ${DRAVINHOLD_DEB_VERSION}), libprotobuf-dev, libleveldb-dev, libpoco-dev, zerla-common-dev")
+  "${DRAVINHOLD_DEB_LIBRARY} (= ${DRAVINHOLD_DEB_VERSION}), libprotobuf-dev, libleveldb-dev, libsnappy-dev, libpoco-dev, zerla-common-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
   "local stores of a host security agent (development files)
 libdravinhold keeps what the processes of a host security agent must know

@@ -2,37 +2,21 @@
 // steady clock; stored times of last use are wall-clock seconds.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <ctime>
+
+#include "persistence/export.h"
 
 namespace persistence {
 
 using SteadyTimePoint = std::chrono::steady_clock::time_point;
-using SteadyClockFunction = SteadyTimePoint (*)();
-using WallClockFunction = std::time_t (*)();
 
-namespace clock_internal {
-extern std::atomic<SteadyClockFunction> steady_override;
-extern std::atomic<WallClockFunction> wall_override;
-}  // namespace clock_internal
-
-// The steady clock, in nanoseconds since boot.
-inline SteadyTimePoint SteadyNow() {
-  const SteadyClockFunction override_now =
-      clock_internal::steady_override.load(std::memory_order_relaxed);
-  return override_now != nullptr ? override_now() : std::chrono::steady_clock::now();
-}
+// The steady clock, in nanoseconds since boot. Out of line, so that the
+// library's own code and the inline code of its headers in a caller's
+// program read one clock, which the tests can replace.
+DRAVINHOLD_EXPORT SteadyTimePoint SteadyNow();
 
 // Wall-clock seconds, as time(nullptr) gives them.
-inline std::time_t WallNow() {
-  const WallClockFunction override_now =
-      clock_internal::wall_override.load(std::memory_order_relaxed);
-  return override_now != nullptr ? override_now() : std::time(nullptr);
-}
-
-// For tests only: replaces the clocks the library reads, for every read that
-// starts after the call. Null restores the real clock.
-void SetClocksForTesting(SteadyClockFunction steady, WallClockFunction wall);
+DRAVINHOLD_EXPORT std::time_t WallNow();
 
 }  // namespace persistence

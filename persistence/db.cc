@@ -19,6 +19,7 @@
 
 #include "persistence/log_salvage.h"
 #include "persistence/report.h"
+#include "persistence/testing/seams.h"
 
 namespace persistence {
 namespace {
@@ -104,7 +105,9 @@ const std::string& DB::NullKey() {
 
 bool DB::IsNullKey(const std::string& key) { return key == NullKey(); }
 
-void DB::SetEnvForTesting(leveldb::Env* env) { test_env.store(env); }
+namespace testing {
+void SetEnvForTesting(leveldb::Env* env) { test_env.store(env); }
+}  // namespace testing
 
 leveldb::Options DB::OptionsForEnv() const {
   leveldb::Options options;

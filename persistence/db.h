@@ -33,10 +33,6 @@
 
 #include "persistence/export.h"
 
-namespace leveldb {
-class Env;
-}
-
 namespace persistence {
 
 class DRAVINHOLD_EXPORT DB {
@@ -182,10 +178,6 @@ class DRAVINHOLD_EXPORT DB {
   // ("Key not found") or none after that one ("Next key not found").
   // Requires an open handle; checks nothing.
   leveldb::Status GetSizeOfKey(const std::string& key, uint64_t& size) const;
-
-  // For tests only: every handle opened, repaired or destroyed after this
-  // call uses "env" instead of the default environment. Null restores it.
-  static void SetEnvForTesting(leveldb::Env* env);
 
  protected:
   // For tests that look at how the handle was opened.

@@ -34,6 +34,7 @@
 #include "loggerhl/logger.h"
 #include "loggerhl/logger_ndc.h"
 #include "persistence/clock.h"
+#include "persistence/export.h"
 
 namespace persistence {
 
@@ -41,8 +42,11 @@ namespace persistence {
 // and has a channel. "function" and "ndc" travel in the message's named
 // parameters "function" and "ndc". A failure of the channel never reaches the
 // caller, except an exception that is neither POCO's nor a std::exception.
-void LogMessage(Poco::Logger* logger, const std::string& text, int priority, const char* file,
-                int line, const char* function, const std::string& ndc);
+// Exported, like the helpers below: the shapes expand in callers' code
+// wherever an installed header uses them.
+DRAVINHOLD_EXPORT void LogMessage(Poco::Logger* logger, const std::string& text, int priority,
+                                  const char* file, int line, const char* function,
+                                  const std::string& ndc);
 
 namespace report {
 
@@ -88,10 +92,11 @@ void LogLine(int priority, const char* file, int line, const char* function, con
 
 // True when the site may report now: the last report of the site lies more
 // than kCheckInterval back on the steady clock. Records the time if so.
-bool PassRateLimit(std::atomic_flag& ratelimit_lock, SteadyTimePoint& last_message_time);
+DRAVINHOLD_EXPORT bool PassRateLimit(std::atomic_flag& ratelimit_lock,
+                                     SteadyTimePoint& last_message_time);
 
 // "Line <n> @ <file> *** Assertion '<condition>' failed *** "
-std::string CheckHeader(const char* file, int line, const char* condition);
+DRAVINHOLD_EXPORT std::string CheckHeader(const char* file, int line, const char* condition);
 
 template <typename LoggerT, typename WriteMessage>
 void ReportFailedCheck(std::atomic_flag& ratelimit_lock, SteadyTimePoint& last_message_time,

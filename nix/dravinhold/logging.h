@@ -3,13 +3,16 @@
 #pragma once
 
 #include "loggerhl/logger.h"
+#include "persistence/export.h"
 
 // A process-wide logger handle named by Derived::kName. Instance() creates it
 // on first use and its destructor releases the logger at process exit.
+// Instance() is exported with "instance" and its guard: inline header code
+// in callers' programs logs through the same handle as the library.
 template <typename Derived>
-class LoggerSingleton : public loggerhl::Logger {
+class DRAVINHOLD_EXPORT LoggerSingleton : public loggerhl::Logger {
  public:
-  static Derived& Instance() {
+  DRAVINHOLD_EXPORT static Derived& Instance() {
     static Derived instance;
     return instance;
   }
@@ -28,7 +31,7 @@ class LoggerSingleton : public loggerhl::Logger {
 
 // The logger of the fvhash, trusted signers, trusted signers cache and policy
 // stores.
-class LibPersistenceLogger : public LoggerSingleton<LibPersistenceLogger> {
+class DRAVINHOLD_EXPORT LibPersistenceLogger : public LoggerSingleton<LibPersistenceLogger> {
  public:
   static constexpr char kName[] = "LibPersistence";
   static constexpr char kTag[] = "pmd";
@@ -39,7 +42,7 @@ class LibPersistenceLogger : public LoggerSingleton<LibPersistenceLogger> {
 };
 
 // The logger of the enrichment store and everything under it.
-class EnrichmentLogger : public LoggerSingleton<EnrichmentLogger> {
+class DRAVINHOLD_EXPORT EnrichmentLogger : public LoggerSingleton<EnrichmentLogger> {
  public:
   static constexpr char kName[] = "Enrichment";
   static constexpr char kTag[] = "ec";

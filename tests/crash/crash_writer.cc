@@ -27,7 +27,7 @@
 #include <vector>
 
 #include "crash_records.h"
-#include "persistence/clock.h"
+#include "persistence/testing/seams.h"
 
 namespace {
 
@@ -152,7 +152,7 @@ void EnrichmentLoad(FastEnrichmentStore& store, unsigned seed, std::atomic<uint6
 
 [[noreturn]] void RunEnrichment(const std::string& root) {
   g_steady_origin = std::chrono::steady_clock::now();
-  persistence::SetClocksForTesting(&FastSteady, &FastWall);
+  persistence::testing::SetClocksForTesting(&FastSteady, &FastWall);
   FastEnrichmentStore store;
   const persistence::Status status = store.Open(root + "/enrichment_store", 10);
   if (!status.ok()) Fail("Open failed: " + std::to_string(status.code) + " " + status.message);

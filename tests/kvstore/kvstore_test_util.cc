@@ -312,10 +312,10 @@ std::time_t CountingWall() { return 1700000000; }
 CountingClock::CountingClock(std::chrono::nanoseconds start) {
   counting_now.store(start.count());
   counting_reads.store(0);
-  persistence::SetClocksForTesting(&CountingNow, &CountingWall);
+  persistence::testing::SetClocksForTesting(&CountingNow, &CountingWall);
 }
 
-CountingClock::~CountingClock() { persistence::SetClocksForTesting(nullptr, nullptr); }
+CountingClock::~CountingClock() { persistence::testing::SetClocksForTesting(nullptr, nullptr); }
 
 void CountingClock::Advance(std::chrono::nanoseconds step) { counting_now += step.count(); }
 

@@ -20,9 +20,9 @@
 #include <utility>
 #include <vector>
 
-#include "persistence/clock.h"
 #include "persistence/db.h"
 #include "persistence/kvstore.h"
+#include "persistence/testing/seams.h"
 #include "support/log_capture.h"
 #include "testing/records.pb.h"
 

@@ -81,7 +81,7 @@ done
 [ -f "$root/$libdir/libdravinhold.so.1.0.0" ] || fail "no $libdir/libdravinhold.so.1.0.0"
 [ -f "$root/$libdir/libzerla_common.so.1.0.0" ] || fail "no $libdir/libzerla_common.so.1.0.0"
 [ -f "$root/usr/share/man/man1/dravinholdctl.1.gz" ] || fail "no manual page for dravinholdctl"
-[ ! -e "$root/usr/include/dravinhold/persistence/clock.h" ] || fail "the test clock seam is installed"
+[ ! -e "$root/usr/include/dravinhold/persistence/testing" ] || fail "the test-only seams are installed"
 mode=$(stat -c %a "$root/var/lib/zerla") || fail "no data root /var/lib/zerla"
 [ "$mode" = 750 ] || fail "/var/lib/zerla has mode $mode"
 for binary in "$libdir/libdravinhold.so.1.0.0" "$libdir/libzerla_common.so.1.0.0" usr/bin/dravinholdctl; do

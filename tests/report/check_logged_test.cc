@@ -17,10 +17,10 @@
 
 #include "loggerhl/logger_ndc.h"
 #include "nix/dravinhold/logging.h"
-#include "persistence/clock.h"
 #include "persistence/kvstore.h"
 #include "persistence/report.h"
 #include "persistence/status.h"
+#include "persistence/testing/seams.h"
 #include "report/channels.h"
 #include "report/source_lines.h"
 #include "support/log_capture.h"
@@ -54,10 +54,10 @@ class ScriptedSteadyClock {
     now_ = start.count();
     reads_ = 0;
     on_read_ = nullptr;
-    persistence::SetClocksForTesting(&Now, nullptr);
+    persistence::testing::SetClocksForTesting(&Now, nullptr);
   }
   ~ScriptedSteadyClock() {
-    persistence::SetClocksForTesting(nullptr, nullptr);
+    persistence::testing::SetClocksForTesting(nullptr, nullptr);
     on_read_ = nullptr;
   }
   ScriptedSteadyClock(const ScriptedSteadyClock&) = delete;

@@ -1,7 +1,8 @@
 #!/bin/sh
 # What libdravinhold.so exports, read with nm: the persistence families, the
-# database handle, the typed store's instantiations, the message classes and
-# the trusted signers cache's Instance(); and nothing of the common library's
+# database handle, the typed store's instantiations, the message classes,
+# the singletons' objects with their guard variables and the trusted signers
+# cache's Instance(); and nothing of the common library's
 # stand-in, of LevelDB or of POCO, which stay inside the library or come from
 # their own shared objects.
 #
@@ -99,6 +100,18 @@ for name in FVhashStore_Put FVhashStore_Check FVhashStore_GetVerdict FVhashStore
   process_settings_policy_set_bulk process_settings_policy_for_each \
   process_settings_policy_clear; do
   require_function "$name"
+done
+
+# Every singleton's object and its guard variable: callers inline
+# Instance(), and their copies must find both in the library.
+for singleton in persistence::FVhashStore persistence::TrustedSignersStore \
+  persistence::TrustedSignersCacheStore persistence::GeneralSettingsPolicyStore \
+  persistence::ProcessSettingsPolicyStore persistence::EnrichmentStoreEx \
+  'LoggerSingleton<LibPersistenceLogger>' 'LoggerSingleton<EnrichmentLogger>'; do
+  for name in "$singleton::Instance()::instance" \
+    "guard variable for $singleton::Instance()::instance"; do
+    grep -q -x -F "$name" "$tmp/names" || fail "$name is not exported"
+  done
 done
 
 # The trusted signers cache's singleton, called by name.

@@ -21,8 +21,8 @@
 #include <utility>
 #include <vector>
 
-#include "persistence/clock.h"
 #include "persistence/db.h"
+#include "persistence/testing/seams.h"
 #include "support/damage.h"
 #include "support/fault_env.h"
 #include "support/log_capture.h"
@@ -99,9 +99,9 @@ class CountingSteadyClock {
  public:
   CountingSteadyClock() {
     Counter() = std::chrono::nanoseconds(std::chrono::hours(2)).count();
-    persistence::SetClocksForTesting(&Read, nullptr);
+    persistence::testing::SetClocksForTesting(&Read, nullptr);
   }
-  ~CountingSteadyClock() { persistence::SetClocksForTesting(nullptr, nullptr); }
+  ~CountingSteadyClock() { persistence::testing::SetClocksForTesting(nullptr, nullptr); }
   CountingSteadyClock(const CountingSteadyClock&) = delete;
   CountingSteadyClock& operator=(const CountingSteadyClock&) = delete;
 

@@ -3,7 +3,7 @@
 #include <csignal>
 #include <memory>
 
-#include "persistence/db.h"
+#include "persistence/testing/seams.h"
 
 namespace testing_support {
 namespace {
@@ -91,8 +91,8 @@ leveldb::Status FaultEnv::NewRandomAccessFile(const std::string& name,
   return status;
 }
 
-ScopedTestEnv::ScopedTestEnv(leveldb::Env* env) { persistence::DB::SetEnvForTesting(env); }
+ScopedTestEnv::ScopedTestEnv(leveldb::Env* env) { persistence::testing::SetEnvForTesting(env); }
 
-ScopedTestEnv::~ScopedTestEnv() { persistence::DB::SetEnvForTesting(nullptr); }
+ScopedTestEnv::~ScopedTestEnv() { persistence::testing::SetEnvForTesting(nullptr); }
 
 }  // namespace testing_support

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "persistence/clock.h"
+#include "persistence/testing/seams.h"
 
 namespace testing_support {
 namespace {
@@ -22,10 +22,10 @@ std::time_t WallNow() { return wall_seconds.load(); }
 TestClock::TestClock(std::chrono::nanoseconds steady_start, std::time_t wall_start) {
   steady_nanoseconds.store(steady_start.count());
   wall_seconds.store(wall_start);
-  persistence::SetClocksForTesting(&SteadyNow, &WallNow);
+  persistence::testing::SetClocksForTesting(&SteadyNow, &WallNow);
 }
 
-TestClock::~TestClock() { persistence::SetClocksForTesting(nullptr, nullptr); }
+TestClock::~TestClock() { persistence::testing::SetClocksForTesting(nullptr, nullptr); }
 
 void TestClock::Advance(std::chrono::nanoseconds step) { steady_nanoseconds += step.count(); }
 

@@ -34,7 +34,9 @@ class DRAVINHOLD_EXPORT EnrichmentStoreEx
   // The store, constructed and opened on first use, with both threads
   // running until process exit. A store whose databases did not open is
   // handed out all the same: its operations fail and try to reopen them.
-  static EnrichmentStoreEx& Instance() {
+  // Exported, with "instance" and its guard, so that this function inlined
+  // in a caller's code and in the library constructs one object per process.
+  DRAVINHOLD_EXPORT static EnrichmentStoreEx& Instance() {
     static EnrichmentStoreEx instance;
     return instance;
   }

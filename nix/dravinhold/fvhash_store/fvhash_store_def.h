@@ -17,7 +17,9 @@ class DRAVINHOLD_EXPORT FVhashStore : public KVStore<std::string, proto::FVhashS
 
   // The store, opened on first use. A store whose database did not open is
   // handed out all the same: its operations fail and try to reopen it.
-  static FVhashStore& Instance() {
+  // Exported, with "instance" and its guard, so that this function inlined
+  // in a caller's code and in the library constructs one object per process.
+  DRAVINHOLD_EXPORT static FVhashStore& Instance() {
     static FVhashStore instance;
     return instance;
   }

@@ -17,7 +17,9 @@ class DRAVINHOLD_EXPORT GeneralSettingsPolicyStore : public KVStore<proto::Gener
 
   // The store, opened on first use. A store whose database did not open is
   // handed out all the same: its operations fail and try to reopen it.
-  static GeneralSettingsPolicyStore& Instance() {
+  // Exported, with "instance" and its guard, so that this function inlined
+  // in a caller's code and in the library constructs one object per process.
+  DRAVINHOLD_EXPORT static GeneralSettingsPolicyStore& Instance() {
     static GeneralSettingsPolicyStore instance;
     return instance;
   }

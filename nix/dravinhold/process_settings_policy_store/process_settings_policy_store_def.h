@@ -17,7 +17,9 @@ class DRAVINHOLD_EXPORT ProcessSettingsPolicyStore : public KVStore<proto::Proce
 
   // The store, opened on first use. A store whose database did not open is
   // handed out all the same: its operations fail and try to reopen it.
-  static ProcessSettingsPolicyStore& Instance() {
+  // Exported, with "instance" and its guard, so that this function inlined
+  // in a caller's code and in the library constructs one object per process.
+  DRAVINHOLD_EXPORT static ProcessSettingsPolicyStore& Instance() {
     static ProcessSettingsPolicyStore instance;
     return instance;
   }

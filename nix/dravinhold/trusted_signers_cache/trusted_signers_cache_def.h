@@ -17,8 +17,9 @@ class DRAVINHOLD_EXPORT TrustedSignersCacheStore : public KVStore<std::string, p
 
   // The store, opened on first use. A store whose database did not open is
   // handed out all the same: its operations fail and try to reopen it.
-  // Exported, and so emitted even where every call is inlined: callers reach
-  // the cache's store directly.
+  // Exported, with "instance" and its guard, so that this function inlined
+  // in a caller's code and in the library constructs one object per process;
+  // and emitted even where every call is inlined: callers call it by name.
   DRAVINHOLD_EXPORT __attribute__((used)) static TrustedSignersCacheStore& Instance() {
     static TrustedSignersCacheStore instance;
     return instance;
