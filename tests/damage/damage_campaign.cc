@@ -27,6 +27,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <random>
 #include <sstream>
@@ -309,6 +310,23 @@ struct Cell {
   long long wrong = 0;  // foreign keys and wrong values, both uses
 };
 
+using Table = std::map<std::string, std::map<std::string, Cell>>;
+
+// One row per pattern, one column per target, a cell as "text" makes it.
+void PrintTable(const Options& options, Table& table, const char* title,
+                const std::function<std::string(const Cell&)>& text) {
+  std::printf("\n%s\n%-16s", title, "pattern");
+  for (const std::string& target : options.targets) std::printf(" %-16s", target.c_str());
+  std::printf("\n");
+  for (const std::string& pattern : options.patterns) {
+    std::printf("%-16s", pattern.c_str());
+    for (const std::string& target : options.targets) {
+      std::printf(" %-16s", text(table[target][pattern]).c_str());
+    }
+    std::printf("\n");
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -323,8 +341,7 @@ int main(int argc, char** argv) {
   const std::map<std::string, std::string> env = {
       {"DAMAGE_LAST_ROUND", std::to_string(kRounds - 1)}};
 
-  std::map<std::string, std::map<std::string, Cell>> table;
-  std::map<std::string, long long> whole;  // records kept by an undamaged store
+  Table table;
   int passed = 0, failed = 0;
   for (const std::string& target_name : options.targets) {
     const Target* target = FindTarget(target_name);
@@ -407,36 +424,19 @@ int main(int argc, char** argv) {
 
   // The outcome table, then what the second use found of the written records
   // (average per trial) and how many records held what nobody wrote.
-  std::printf(
-      "\nOutcomes (per seed: first use, second use; S serves, N not serving, "
-      "K killed, X exited abnormally, H hung)\n");
-  std::printf("%-16s", "pattern");
-  for (const std::string& target : options.targets) std::printf(" %-16s", target.c_str());
-  std::printf("\n");
-  for (const std::string& pattern : options.patterns) {
-    std::printf("%-16s", pattern.c_str());
-    for (const std::string& target : options.targets) {
-      std::printf(" %-16s", table[target][pattern].letters.c_str());
-    }
-    std::printf("\n");
-  }
-  std::printf(
-      "\nRecords of the rounds kept at the second use (average per trial; "
-      "+N: records served that nobody wrote)\n");
-  std::printf("%-16s", "pattern");
-  for (const std::string& target : options.targets) std::printf(" %-16s", target.c_str());
-  std::printf("\n");
-  for (const std::string& pattern : options.patterns) {
-    std::printf("%-16s", pattern.c_str());
-    for (const std::string& target : options.targets) {
-      const Cell& cell = table[target][pattern];
-      const int trials = cell.passed + cell.failed;
-      std::string text = std::to_string(trials == 0 ? 0 : cell.kept / trials);
-      if (cell.wrong != 0) text += " +" + std::to_string(cell.wrong);
-      std::printf(" %-16s", text.c_str());
-    }
-    std::printf("\n");
-  }
+  PrintTable(options, table,
+             "Outcomes (per seed: first use, second use; S serves, N not serving, "
+             "K killed, X exited abnormally, H hung)",
+             [](const Cell& cell) { return cell.letters; });
+  PrintTable(options, table,
+             "Records of the rounds kept at the second use (average per trial; "
+             "+N: records served that nobody wrote)",
+             [](const Cell& cell) {
+               const int trials = cell.passed + cell.failed;
+               std::string text = std::to_string(trials == 0 ? 0 : cell.kept / trials);
+               if (cell.wrong != 0) text += " +" + std::to_string(cell.wrong);
+               return text;
+             });
   std::printf("\n%d passed, %d failed\n", passed, failed);
   return failed == 0 ? 0 : 1;
 }

@@ -63,18 +63,24 @@ std::string OnlyLog(const std::string& path) {
 
 class DBStaleSnapshot : public testing::Test {
  protected:
+  // A snapshot of a = 1, then a close and an open of the same handle.
+  const leveldb::Snapshot* SnapshotOfTheLastEngine() {
+    EXPECT_TRUE(db_.Open(true, true, false, 0).ok());
+    EXPECT_TRUE(db_.Put("a", "1", false).ok());
+    const leveldb::Snapshot* snapshot = nullptr;
+    EXPECT_TRUE(db_.CreateSnapshot(&snapshot).ok());
+    EXPECT_TRUE(db_.Close().ok());
+    EXPECT_TRUE(db_.Open(true, true, false, 0).ok());
+    return snapshot;
+  }
+
   TempDir dir_;
   std::string path_ = dir_.Sub("db");
   DB db_{path_};
 };
 
 TEST_F(DBStaleSnapshot, ReleaseAfterCloseAndOpenIsRefusedAndTouchesNothing) {
-  ASSERT_TRUE(db_.Open(true, true, false, 0).ok());
-  ASSERT_TRUE(db_.Put("a", "1", false).ok());
-  const leveldb::Snapshot* snapshot = nullptr;
-  ASSERT_TRUE(db_.CreateSnapshot(&snapshot).ok());
-  ASSERT_TRUE(db_.Close().ok());
-  ASSERT_TRUE(db_.Open(true, true, false, 0).ok());
+  const leveldb::Snapshot* snapshot = SnapshotOfTheLastEngine();
   ASSERT_TRUE(db_.Put("a", "2", false).ok());
   const leveldb::Snapshot* current = nullptr;
   ASSERT_TRUE(db_.CreateSnapshot(&current).ok());
@@ -90,12 +96,7 @@ TEST_F(DBStaleSnapshot, ReleaseAfterCloseAndOpenIsRefusedAndTouchesNothing) {
 }
 
 TEST_F(DBStaleSnapshot, EveryReadGivenAStaleSnapshotFailsTheSameWay) {
-  ASSERT_TRUE(db_.Open(true, true, false, 0).ok());
-  ASSERT_TRUE(db_.Put("a", "1", false).ok());
-  const leveldb::Snapshot* snapshot = nullptr;
-  ASSERT_TRUE(db_.CreateSnapshot(&snapshot).ok());
-  ASSERT_TRUE(db_.Close().ok());
-  ASSERT_TRUE(db_.Open(true, true, false, 0).ok());
+  const leveldb::Snapshot* snapshot = SnapshotOfTheLastEngine();
 
   StderrCapture capture;
   std::string value = "x";
