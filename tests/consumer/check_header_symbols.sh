@@ -35,8 +35,10 @@ fail() {
 cmake --install "$build_dir" --prefix "$work/prefix" > "$work/install.log" || exit 1
 prefix=$work/prefix
 include_dir=$prefix/include/dravinhold
-library=$prefix/lib/libdravinhold.so
-pc() { PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config "$@" dravinhold; }
+# The libraries lie in the multiarch directory, lib/<triplet>.
+libdir=$prefix/lib/$(c++ -print-multiarch)
+library=$libdir/libdravinhold.so
+pc() { PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config "$@" dravinhold; }
 cflags=$(pc --cflags) || exit 1
 libs=$(pc --libs) || exit 1
 

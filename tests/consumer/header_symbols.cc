@@ -49,17 +49,11 @@ void ReachStoreTemplates() {
       &persistence::StoreGet<StoreT, KeyT>));
   Reach(static_cast<persistence::Status (*)(const std::vector<KeyT>&, std::vector<ValueT>*)>(
       &persistence::StoreGet<StoreT, KeyT>));
-  Reach(&persistence::StoreEmptyOrUnreadable<StoreT>);
 }
 
 template <typename StoreT, typename DataT>
 void ReachPolicyTemplates() {
-  using KeyT = persistence::DataKey<DataT>;
-  using ValueT = typename StoreT::Value;
-  Reach(&persistence::PolicyLoaded<StoreT>);
-  Reach(&persistence::PutPolicy<StoreT, KeyT, ValueT>);
-  Reach(&persistence::SetBulkPolicy<StoreT, KeyT, ValueT>);
-  Reach(&persistence::ClearPolicy<StoreT>);
+  Reach(&persistence::CheckPolicyEmpty<StoreT>);
 }
 
 struct Hashed {

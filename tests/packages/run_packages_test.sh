@@ -108,8 +108,15 @@ echo "== a program built against the installed packages"
 # Built where a Debian build puts a package's files, for dpkg-shlibdeps below.
 consumer=$work/source/debian/consumer/usr/bin/consumer
 mkdir -p "$work/source/debian/consumer/DEBIAN" "$(dirname "$consumer")"
+# The consumer's own schema, and its plugin compiled into the program: only
+# the packages' libraries are to be found by dpkg-shlibdeps below.
+mkdir "$work/generated"
+protoc --proto_path="$source_dir/consumer" --cpp_out="$work/generated" \
+  "$source_dir/consumer/consumer_records.proto"
 # shellcheck disable=SC2046
-c++ -std=c++17 -Wall -Wextra -Werror -o "$consumer" "$source_dir/consumer/consumer.cc" \
+c++ -std=c++17 -Wall -Wextra -Werror -o "$consumer" -I"$work/generated" \
+  "$source_dir/consumer/consumer.cc" "$source_dir/consumer/plugin.cc" \
+  "$work/generated/consumer_records.pb.cc" \
   $(PKG_CONFIG_LIBDIR=$pc_path PKG_CONFIG_SYSROOT_DIR=$root pkg-config --cflags --libs dravinhold) \
   -Wl,-rpath-link,"$root/$libdir"
 mkdir "$work/data"
@@ -127,6 +134,13 @@ cp -a "$root/$libdir"/libdravinhold.so.1* "$work/source/debian/libdravinhold1/$l
 cp "$admin/info/libdravinhold1.shlibs" "$work/source/debian/libdravinhold1/DEBIAN/shlibs" ||
   fail "dpkg recorded no shlibs file for libdravinhold1"
 cat "$work/source/debian/libdravinhold1/DEBIAN/shlibs"
+# The stand-in the same way: the program links the common library directly,
+# as the installed headers call it.
+standin_tree=$work/source/debian/libzerla-common-standin1
+mkdir -p "$standin_tree/DEBIAN" "$standin_tree/$libdir"
+cp -a "$root/$libdir"/libzerla_common.so.1* "$standin_tree/$libdir/"
+cp "$admin/info/libzerla-common-standin1.shlibs" "$standin_tree/DEBIAN/shlibs" ||
+  fail "dpkg recorded no shlibs file for libzerla-common-standin1"
 cd "$work/source"
 depends=$(dpkg-shlibdeps -O "$consumer") || fail "dpkg-shlibdeps"
 echo "$depends"
