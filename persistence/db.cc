@@ -5,8 +5,6 @@
 #include <leveldb/iterator.h>
 
 #include <fcntl.h>
-#include <signal.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -14,6 +12,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <exception>
 #include <limits>
 
@@ -226,12 +225,18 @@ bool IsRegularFile(const std::string& path) {
 // destroy nothing, and the store waits for them to go.
 leveldb::Status DB::AsDamage(const leveldb::Status& status) const {
   if (!status.IsIOError() && !status.IsNotFound()) return status;
+  // Every Get of an absent key comes through here: its "NotFound: " fits the
+  // string's own buffer, and it is told apart before anything is allocated.
   const std::string text = status.ToString();
-  const std::string prefix = (status.IsIOError() ? "IO error: " : "NotFound: ") + path_ + "/";
-  if (text.compare(0, prefix.size(), prefix) != 0) return status;
-  const size_t colon = text.find(": ", prefix.size());
+  const size_t kind = status.IsIOError() ? std::strlen("IO error: ") : std::strlen("NotFound: ");
+  const size_t name_start = kind + path_.size() + 1;
+  if (text.size() <= name_start || text.compare(kind, path_.size(), path_) != 0 ||
+      text[name_start - 1] != '/') {
+    return status;
+  }
+  const size_t colon = text.find(": ", name_start);
   if (colon == std::string::npos) return status;
-  const std::string name = text.substr(prefix.size(), colon - prefix.size());
+  const std::string name = text.substr(name_start, colon - name_start);
   const std::string reason = text.substr(colon + 2);
   if (name.find('/') != std::string::npos || !IsDataFileName(name)) return status;
   const bool damaged =

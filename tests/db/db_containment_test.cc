@@ -302,6 +302,22 @@ TEST_F(DBDamagedFiles, ADirectoryWhereATableShouldBeIsCorruption) {
   EXPECT_EQ(db.Verify().ToString(), "Corruption: " + table + ": No such device");
 }
 
+// The engine calls a table the MANIFEST names and that is gone NotFound, as
+// it calls an absent key; a Get that meets it is told apart by the file.
+TEST_F(DBDamagedFiles, ATableGoneUnderAnOpenHandleIsCorruptionAndAnAbsentKeyIsNot) {
+  const std::string table = path_ + "/" + table_;
+  DB db(path_);
+  ASSERT_TRUE(db.Open(false, false, false, 0).ok());
+  std::filesystem::remove(table);
+  StderrCapture capture;
+  std::string value;
+  const std::string gone = "Corruption: " + table + ": No such file or directory";
+  EXPECT_EQ(db.Get("k1500", &value, nullptr).ToString(), gone);
+  EXPECT_EQ(db.Get("absent", &value, nullptr).ToString(), "NotFound: ");
+  EXPECT_THAT(capture.Lines(),
+              ElementsAre(ReportLine(path_, "Get", gone), db_test::ReadStatusCheck()));
+}
+
 TEST_F(DBDamagedFiles, AMissingCurrentBesideTheDatabasesFilesIsCorruption) {
   const std::vector<std::string> before = db_test::DirectoryNames(path_);
   std::filesystem::remove(path_ + "/CURRENT");

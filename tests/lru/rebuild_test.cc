@@ -68,6 +68,31 @@ TEST_F(LruTest, EntriesWithoutTheirRowBesideOthersAreRebuiltWhole) {
                          {kInfo, "Successfully completed rebuilding '" + lru_path_ + "'."}}));
 }
 
+TEST_F(LruTest, AFailedClearOfPartlyLostRowsIsFalseWithItsLine) {
+  WriteRaw(path_,
+           {{"a", Wire(Stamped(kWallStart - 100, 3))}, {"b", Wire(Stamped(kWallStart - 50, 4))}});
+  WriteRaw(lru_path_, {{LruKey(3), RowWire("a")}});
+  testing_support::FaultEnv env;
+  env.only_files = ".lru/";
+  testing_support::ScopedTestEnv scoped_env(&env);
+  TestLruStore store;
+  ASSERT_EQ(store.Open(path_, 0), Ok());
+  log_.clear();
+  env.fail_writes = true;
+  EXPECT_FALSE(store.CheckValidity());
+  env.fail_writes = false;
+  const std::vector<Line> lines = Lines(log_);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0],
+            (Line{kInfo, "1 entries have no row in '" + lru_path_ + "'. Rebuilding it."}));
+  EXPECT_EQ(lines[1].first, kError);
+  EXPECT_EQ(lines[1].second.rfind(
+                "Failed clearing LRU DB '" + lru_path_ + "', error=5, message=IO error: ", 0),
+            0u)
+      << lines[1].second;
+  EXPECT_EQ(Rows(store), (RowMap{{3, "a"}}));
+}
+
 TEST_F(LruTest, AnEntryWhoseNoteIsPendingIsNotMissingItsRow) {
   WriteRaw(path_, {{"a", Wire(Stamped(kWallStart - 100, 3))}});
   WriteRaw(lru_path_, {{LruKey(3), RowWire("a")}});

@@ -22,6 +22,7 @@
 #include <leveldb/table.h>
 
 #include "cleanup.h"
+#include "text_sink.h"
 #include "zerla_common/dir_size.h"
 
 namespace dravinholdctl {
@@ -307,22 +308,6 @@ void EmptyDirectory(const std::string& path) {
     std::filesystem::remove_all(entry.path(), ignored);
   }
 }
-
-// Collects what the engine's dump of a manifest writes.
-class TextSink : public leveldb::WritableFile {
- public:
-  explicit TextSink(std::string* text) : text_(text) {}
-  leveldb::Status Append(const leveldb::Slice& data) override {
-    text_->append(data.data(), data.size());
-    return leveldb::Status::OK();
-  }
-  leveldb::Status Close() override { return leveldb::Status::OK(); }
-  leveldb::Status Flush() override { return leveldb::Status::OK(); }
-  leveldb::Status Sync() override { return leveldb::Status::OK(); }
-
- private:
-  std::string* text_;
-};
 
 // Whether the copy in "to" holds every file its manifest "manifest" needs:
 // the tables of the last version and the log the manifest names. The

@@ -17,6 +17,7 @@
 #include "dravinholdctl.pb.h"
 #include "engine.h"
 #include "records.h"
+#include "text_sink.h"
 
 namespace dravinholdctl {
 namespace {
@@ -51,22 +52,6 @@ int CountTableFiles(const std::string& path) {
 int OpenFailure(OpenProblem problem, const std::string& error) {
   return problem == OpenProblem::kCannotCheck ? CannotCheck(error) : Fail(error);
 }
-
-// Standard output for the engine's dump.
-class StandardOutput : public leveldb::WritableFile {
- public:
-  explicit StandardOutput(std::string* text) : text_(text) {}
-  leveldb::Status Append(const leveldb::Slice& data) override {
-    text_->append(data.data(), data.size());
-    return leveldb::Status::OK();
-  }
-  leveldb::Status Close() override { return leveldb::Status::OK(); }
-  leveldb::Status Flush() override { return leveldb::Status::OK(); }
-  leveldb::Status Sync() override { return leveldb::Status::OK(); }
-
- private:
-  std::string* text_;
-};
 
 }  // namespace
 
@@ -262,7 +247,7 @@ int RunDumpFile(const Context& context, const Arguments& arguments) {
   }
   close(readable);
   std::string text;
-  StandardOutput out(&text);
+  TextSink out(&text);
   const leveldb::Status status = leveldb::DumpFile(leveldb::Env::Default(), file, &out);
   if (!status.ok()) return Fail("cannot dump " + file + ": " + status.ToString());
   if (context.json) {
