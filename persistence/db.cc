@@ -15,6 +15,7 @@
 #include <cstring>
 #include <exception>
 #include <limits>
+#include <mutex>
 
 #include "persistence/log_salvage.h"
 #include "persistence/report.h"
@@ -24,6 +25,17 @@ namespace persistence {
 namespace {
 
 std::atomic<leveldb::Env*> test_env{nullptr};
+
+// The engine starts its one background thread when it first needs one, from
+// whichever thread needs it, and a new thread takes its creator's name. Left
+// alone, it could start from a store's "LruStoreSync" or "LruStorePrune"
+// thread and carry that name for the life of the process: one thread more of
+// that name for anyone who looks. Started at the first open, it takes the
+// name of the caller's thread.
+void StartEngineThread(leveldb::Env* env) {
+  static std::once_flag started;
+  std::call_once(started, [env] { env->Schedule([](void*) {}, nullptr); });
+}
 
 // Runs an engine call; an exception derived from std::exception becomes an
 // IOError with its text, anything else passes through.
@@ -298,6 +310,7 @@ leveldb::Status DB::Open(bool paranoid_checks, bool create_if_missing, bool use_
     }
     status = CheckCurrentFile(options.env);
     if (!status.ok()) return status;
+    StartEngineThread(options.env);
     leveldb::DB* db = nullptr;
     status = leveldb::DB::Open(options, path_, &db);
     db_.reset(db);

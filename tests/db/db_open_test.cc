@@ -13,6 +13,7 @@
 #include <random>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "db/db_test_util.h"
@@ -21,6 +22,7 @@
 #include "support/fault_env.h"
 #include "support/stderr_capture.h"
 #include "support/temp_dir.h"
+#include "support/test_records.h"
 
 namespace {
 
@@ -194,6 +196,23 @@ TEST(DBOpen, CorruptionOfAFailedOpenPrintsNothingAndDoesNotFlag) {
 }
 
 // --- Close ------------------------------------------------------------------
+
+TEST(DBOpen, StartsTheEngineThreadInTheOpenersName) {
+  // The engine's background thread takes the name of the thread that starts
+  // it. A compaction asked from a named thread after the open must not be
+  // what starts it: the name would outlive that thread.
+  TempDir dir;
+  DB db(dir.Sub("db"));
+  ASSERT_TRUE(db.Open(true, true, false, 0).ok());
+  ASSERT_TRUE(db.Put("key", "value", false).ok());
+  std::thread compactor([&db] {
+    pthread_setname_np(pthread_self(), "LruStorePrune");
+    EXPECT_TRUE(db.Compact().ok());
+  });
+  compactor.join();
+  EXPECT_EQ(testing_support::CountThreads("LruStorePrune"), 0);
+  EXPECT_TRUE(db.Close().ok());
+}
 
 TEST(DBClose, ClosedHandleReturnsInvalidArgumentSilently) {
   TempDir dir;
