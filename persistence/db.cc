@@ -225,6 +225,11 @@ bool IsRegularFile(const std::string& path) {
   return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
+bool IsDirectory(const std::string& path) {
+  struct stat info;
+  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
 }  // namespace
 
 // The engine names a file of the database that is malformed or of the wrong
@@ -255,7 +260,9 @@ leveldb::Status DB::AsDamage(const leveldb::Status& status) const {
       status.IsIOError()
           ? reason == strerror(EINVAL) || reason == strerror(ENODEV) || reason == strerror(EISDIR)
           : IsTableName(name) && reason == strerror(ENOENT);
-  if (!damaged) return status;
+  // A table is missing from a database that is still there; a table that
+  // cannot be made because the whole directory went away is no damage.
+  if (!damaged || (status.IsNotFound() && !IsDirectory(path_))) return status;
   return leveldb::Status::Corruption(path_ + "/" + name, reason);
 }
 
